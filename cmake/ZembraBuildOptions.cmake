@@ -1,0 +1,21 @@
+# What this project's own targets are compiled with. Linked as
+#     target_link_libraries(<target> PRIVATE $<BUILD_INTERFACE:zembra_build_options>)
+# so that none of it reaches a consumer.
+add_library(zembra_build_options INTERFACE)
+target_compile_options(
+    zembra_build_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
+                                   -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast)
+
+option(ZEMBRA_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)
+if(ZEMBRA_WARNINGS_AS_ERRORS)
+    target_compile_options(zembra_build_options INTERFACE -Werror)
+endif()
+
+set(ZEMBRA_SANITIZERS
+    ""
+    CACHE STRING "Sanitizers of this build, as -fsanitize takes them: address,undefined or thread")
+if(ZEMBRA_SANITIZERS)
+    target_compile_options(zembra_build_options INTERFACE -fsanitize=${ZEMBRA_SANITIZERS}
+                                                          -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(zembra_build_options INTERFACE -fsanitize=${ZEMBRA_SANITIZERS})
+endif()

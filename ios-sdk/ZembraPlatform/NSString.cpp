@@ -1,0 +1,57 @@
+#include <cstdint>
+
+#include <ZembraPlatform/NSString.h>
+
+namespace zembra {
+
+namespace {
+
+/// The length in bytes of the well-formed character that `rest` starts with, or 0.
+std::size_t characterLength(std::string_view rest) noexcept {
+    const auto byte = [rest](std::size_t index) { return static_cast<std::uint8_t>(rest[index]); };
+    const auto continues = [&](std::size_t index) {
+        return index < rest.size() && byte(index) >= 0x80 && byte(index) <= 0xBF;
+    };
+    const std::uint8_t lead = byte(0);
+    if (lead < 0x80) return 1;
+    if (lead < 0xC2) return 0;
+    if (lead < 0xE0) return continues(1) ? 2 : 0;
+    if (lead < 0xF0) {
+        if (!continues(1) || !continues(2)) return 0;
+        const bool isOverlong = lead == 0xE0 && byte(1) < 0xA0;
+        const bool isSurrogate = lead == 0xED && byte(1) > 0x9F;
+        return isOverlong || isSurrogate ? 0 : 3;
+    }
+    if (lead > 0xF4 || !continues(1) || !continues(2) || !continues(3)) return 0;
+    const bool isOverlong = lead == 0xF0 && byte(1) < 0x90;
+    const bool isTooLarge = lead == 0xF4 && byte(1) > 0x8F;
+    return isOverlong || isTooLarge ? 0 : 4;
+}
+
+}  // namespace
+
+bool isWellFormedUTF8(std::string_view string) noexcept {
+    while (!string.empty()) {
+        const std::size_t length = characterLength(string);
+        if (length == 0) return false;
+        string.remove_prefix(length);
+    }
+    return true;
+}
+
+NSUInteger lengthOfString(std::string_view string) noexcept {
+    NSUInteger units = 0;
+    while (!string.empty()) {
+        const std::size_t length = characterLength(string);
+        units += length == 4 ? 2 : 1;
+        string.remove_prefix(length == 0 ? 1 : length);
+    }
+    return units;
+}
+
+std::optional<std::string> stringWithUTF8String(std::string_view bytes) {
+    if (!isWellFormedUTF8(bytes)) return std::nullopt;
+    return std::string(bytes);
+}
+
+}  // namespace zembra

@@ -16,8 +16,8 @@
 
 namespace zembra {
 
-/// The key of a failure's user information under which the answer (`NSHTTPURLResponse`) stands when the server
-/// answered and the answer was refused for its status or its content type.
+/// The key of a failure's user information under which the answer (`NSHTTPURLResponse`) stands when the
+/// server answered and the answer was refused for its status or its content type.
 extern "C" ZEMBRA_EXPORT const char AFNetworkingOperationFailingURLResponseErrorKey[];
 
 /// The domain of failures that are not the network layer's. The codes are `AFHTTPSessionErrorCode`.
@@ -50,21 +50,21 @@ private:
     const NSURL originalURL_;
 };
 
-/// What a client's requests are built from: the timeout and the default header fields. Each call is atomic, so
-/// threads may overlap; a sequence of calls is not.
+/// What a client's requests are built from: the timeout and the default header fields. Each call is atomic,
+/// so threads may overlap; a sequence of calls is not.
 class ZEMBRA_EXPORT AFHTTPRequestSerializer : public NSObject {
 public:
     AFHTTPRequestSerializer();
     ~AFHTTPRequestSerializer() override;
 
-    /// Requests built from now on fail with `NSURLErrorTimedOut` once nothing has moved for this long, in every
-    /// phase: resolving, connecting, TLS, sending, waiting, receiving. 60 seconds unless set; what is not positive
-    /// means no limit.
+    /// Requests built from now on fail with `NSURLErrorTimedOut` once nothing has moved for this long, in
+    /// every phase: resolving, connecting, TLS, sending, waiting, receiving. 60 seconds unless set; what is
+    /// not positive means no limit.
     virtual void setTimeoutInterval(NSTimeInterval interval);
     [[nodiscard]] virtual NSTimeInterval timeoutInterval() const;
 
-    /// Sets the default value of a header for requests built from now on; an absent value removes the header. Any
-    /// text is taken; a request that would carry a control character in a name or a value fails unsent.
+    /// Sets the default value of a header for requests built from now on; an absent value removes the header.
+    /// Any text is taken; a request that would carry a control character in a name or a value fails unsent.
     virtual void setValue(std::optional<std::string> value, std::string_view field);
 
     /// The default value of a header (names compare without regard to case), or `std::nullopt`.
@@ -89,9 +89,9 @@ public:
     virtual void setAcceptableContentTypes(std::set<std::string> types);
     [[nodiscard]] virtual std::set<std::string> acceptableContentTypes() const;
 
-    /// The decoded body, nothing for an empty one. In this order, and with `*error` set: refuses a status outside
-    /// 2xx, then another content type than the acceptable ones (none at all is refused with a body, accepted without
-    /// one), then a body that is no JSON text.
+    /// The decoded body, nothing for an empty one. In this order, and with `*error` set: refuses a status
+    /// outside 2xx, then another content type than the acceptable ones (none at all is refused with a body,
+    /// accepted without one), then a body that is no JSON text.
     [[nodiscard]] virtual Value responseObjectForResponse(const std::shared_ptr<NSHTTPURLResponse>& response,
                                                           std::string body, NSErrorPtr* error) const;
 
@@ -102,15 +102,18 @@ private:
 
 /// An HTTPS client bound to one base URL, over libcurl.
 ///
-/// Requests run on one I/O thread of the client's own, started with the first request; callbacks are delivered on the
-/// completion queue, the main queue unless the host sets another. Certificates are always verified; redirects are
-/// not followed; answers over 16 MiB of body (after decompression) or 256 KiB of header are cut off as failures.
+/// Requests run on one I/O thread of the client's own, started with the first request; callbacks are
+/// delivered on the completion queue, the main queue unless the host sets another. Certificates are always
+/// verified; redirects are not followed; answers over 16 MiB of body (after decompression) or 256 KiB of
+/// header are cut off as failures.
 ///
-/// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a callback,
-/// and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Requests still under way when the
-/// process exits are dropped without a callback; in a forked child every request of a client made before fails.
+/// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a
+/// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Requests still under
+/// way when the process exits are dropped without a callback; in a forked child every request of a client
+/// made before fails.
 ///
-/// A host's tests derive from the class and override `POST`: no thread is started, nothing touches the network.
+/// A host's tests derive from the class and override `POST`: no thread is started, nothing touches the
+/// network.
 class ZEMBRA_EXPORT AFHTTPSessionManager : public NSObject {
 public:
     using Task = std::shared_ptr<NSURLSessionTask>;
@@ -128,24 +131,25 @@ public:
 
     [[nodiscard]] const NSURL& baseURL() const noexcept;
 
-    /// The parts that the client owns; they live as long as it does. The request serializer comes with a default
-    /// "User-Agent" of the host's name and version and the system.
+    /// The parts that the client owns; they live as long as it does. The request serializer comes with a
+    /// default "User-Agent" of the host's name and version and the system.
     [[nodiscard]] virtual AFHTTPRequestSerializer& requestSerializer();
     [[nodiscard]] virtual AFHTTPResponseSerializer& responseSerializer();
 
-    /// Where callbacks of requests made from now on are delivered; an empty function means the main queue. A queue
-    /// that runs tasks at once runs them on the I/O thread, where they must not take long.
+    /// Where callbacks of requests made from now on are delivered; an empty function means the main queue. A
+    /// queue that runs tasks at once runs them on the I/O thread, where they must not take long.
     virtual void setCompletionQueue(CompletionQueue queue);
 
-    /// Trusts a certificate authority beside the system's, for requests made from now on: a PEM file, or PEM text.
-    /// A file that cannot be read or holds no certificate makes every request fail with a text that names it.
+    /// Trusts a certificate authority beside the system's, for requests made from now on: a PEM file, or PEM
+    /// text. A file that cannot be read or holds no certificate makes every request fail with a text that
+    /// names it.
     void addTrustedCertificateAuthorityFile(const std::filesystem::path& file);
     void addTrustedCertificateAuthority(std::string pem);
 
-    /// Sends `parameters` (a dictionary; each value as its text) as a URL-encoded form to `path`, resolved against
-    /// the base URL. The request is built during the call, with the headers as they stand; the call does not wait.
-    /// Exactly one of `success` and `failure` runs, once, later, never inside the call. `progress` runs as bytes of
-    /// the body go out. Returns the task, which may be dropped.
+    /// Sends `parameters` (a dictionary; each value as its text) as a URL-encoded form to `path`, resolved
+    /// against the base URL. The request is built during the call, with the headers as they stand; the call
+    /// does not wait. Exactly one of `success` and `failure` runs, once, later, never inside the call.
+    /// `progress` runs as bytes of the body go out. Returns the task, which may be dropped.
     virtual Task POST(std::string_view path, const Value& parameters, Progress progress, Success success,
                       Failure failure);
 

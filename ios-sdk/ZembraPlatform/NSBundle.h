@@ -24,29 +24,31 @@ enum NSBundleErrorCode : NSInteger {
 
 /// A module's configuration (its info dictionary) and its message catalogues.
 ///
-/// The host application has the main bundle; a module that has texts or facts of its own makes one and states with
-/// `ZMB_BUNDLE` which classes belong to it. A bundle may be used from any thread. Derive from it and override
-/// `objectForInfoDictionaryKey` to answer every lookup anew.
+/// The host application has the main bundle; a module that has texts or facts of its own makes one and states
+/// with `ZMB_BUNDLE` which classes belong to it. A bundle may be used from any thread. Derive from it and
+/// override `objectForInfoDictionaryKey` to answer every lookup anew.
 class ZEMBRA_EXPORT NSBundle : public NSObject {
 public:
-    /// Where message catalogues lie: `<directory>/<language>/LC_MESSAGES/<table>.mo`, as gettext installs them.
+    /// Where message catalogues lie: `<directory>/<language>/LC_MESSAGES/<table>.mo`, as gettext installs
+    /// them.
     struct Catalogues {
         std::filesystem::path directory;
         std::string defaultTable;                ///< The table of a lookup that names none.
         std::string developmentLanguage = "en";  ///< Asked last.
     };
 
-    /// The host's bundle. Unless `setMainBundle` was called, its info dictionary is read, at the first call, from
+    /// The host's bundle. Unless `setMainBundle` was called, its info dictionary is read, at the first call,
+    /// from
     /// `<executable>.Info.plist` beside the executable, else from `../share/<executable>/Info.plist`; its
     /// catalogues are those of table `<executable>` in `../share/locale`. Any thread.
     [[nodiscard]] static std::shared_ptr<NSBundle> mainBundle();
 
-    /// Puts `bundle` in the main bundle's place; `nullptr` brings back the one from the files. Call it at start-up,
-    /// before the first request: whoever holds the earlier bundle keeps it. Any thread.
+    /// Puts `bundle` in the main bundle's place; `nullptr` brings back the one from the files. Call it at
+    /// start-up, before the first request: whoever holds the earlier bundle keeps it. Any thread.
     static void setMainBundle(std::shared_ptr<NSBundle> bundle);
 
-    /// The bundle that `Class` states with `ZMB_BUNDLE` for itself, else (also where a base class states one) the
-    /// main bundle.
+    /// The bundle that `Class` states with `ZMB_BUNDLE` for itself, else (also where a base class states one)
+    /// the main bundle.
     template <class Class>
     [[nodiscard]] static std::shared_ptr<NSBundle> bundleForClass() {
         if constexpr (requires { Class::zembraBundle(std::type_identity<Class>{}); })
@@ -58,8 +60,8 @@ public:
     /// A bundle handed over in code. `infoDictionary` is a dictionary; anything else counts as an empty one.
     explicit NSBundle(Value infoDictionary, std::optional<Catalogues> catalogues = std::nullopt);
 
-    /// A bundle whose info dictionary is the XML or binary property list in `infoFile` (256 KiB at most), read now.
-    /// A file that cannot be read makes an empty dictionary and an `infoDictionaryError`.
+    /// A bundle whose info dictionary is the XML or binary property list in `infoFile` (256 KiB at most),
+    /// read now. A file that cannot be read makes an empty dictionary and an `infoDictionaryError`.
     [[nodiscard]] static std::shared_ptr<NSBundle> bundleWithInfoFile(
         const std::filesystem::path& infoFile, std::optional<Catalogues> catalogues = std::nullopt);
 
@@ -68,14 +70,14 @@ public:
     /// The value under `key` in the info dictionary, nothing where there is none.
     [[nodiscard]] virtual Value objectForInfoDictionaryKey(std::string_view key) const;
 
-    /// Why the info dictionary is empty: the file that was looked for and what is wrong with it. `nullptr` where
-    /// all is well.
+    /// Why the info dictionary is empty: the file that was looked for and what is wrong with it. `nullptr`
+    /// where all is well.
     [[nodiscard]] NSErrorPtr infoDictionaryError() const { return infoDictionaryError_; }
 
-    /// The text under `key` in the table (the default one unless named) in the first language that has it, of those
-    /// that LANGUAGE, LC_ALL, LC_MESSAGES or LANG asks for, then the development language. Where none has it:
-    /// `value`, and where that is absent or empty, the key itself. An absent key gives `value` or the empty text.
-    /// It works in every locale, without `setlocale`.
+    /// The text under `key` in the table (the default one unless named) in the first language that has it, of
+    /// those that LANGUAGE, LC_ALL, LC_MESSAGES or LANG asks for, then the development language. Where none
+    /// has it: `value`, and where that is absent or empty, the key itself. An absent key gives `value` or the
+    /// empty text. It works in every locale, without `setlocale`.
     [[nodiscard]] virtual std::string localizedStringForKey(std::optional<std::string_view> key,
                                                             std::optional<std::string_view> value,
                                                             std::optional<std::string_view> table) const;
@@ -90,12 +92,13 @@ private:
 
 }  // namespace zembra
 
-/// States, inside `Class`, which bundle it belongs to: an expression that gives a `std::shared_ptr<NSBundle>`,
-/// evaluated at every lookup. It holds for `Class` alone; a derived class states its own.
-#define ZMB_BUNDLE(Class, ...)                                                                        \
-public:                                                                                               \
-    static ::std::shared_ptr<::zembra::NSBundle> zembraBundle(::std::type_identity<Class>) {          \
-        return __VA_ARGS__;                                                                           \
-    }                                                                                                 \
-                                                                                                      \
+/// States, inside `Class`, which bundle it belongs to: an expression that gives a
+/// `std::shared_ptr<NSBundle>`, evaluated at every lookup. It holds for `Class` alone; a derived class states
+/// its own.
+#define ZMB_BUNDLE(Class, ...)                                                               \
+public:                                                                                      \
+    static ::std::shared_ptr<::zembra::NSBundle> zembraBundle(::std::type_identity<Class>) { \
+        return __VA_ARGS__;                                                                  \
+    }                                                                                        \
+                                                                                             \
 private:

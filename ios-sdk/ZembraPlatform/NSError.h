@@ -18,9 +18,10 @@ extern "C" ZEMBRA_EXPORT const char NSLocalizedDescriptionKey[];
 
 /// A failure: a domain, a code that has a meaning in it, and further information.
 ///
-/// Errors are immutable and may be shared between threads. Their identity is observable: the underlying error of
-/// an error is the very object that was put in. A module with messages of its own derives a class and states its
-/// bundle with `ZMB_BUNDLE` (`NSBundle.h`); such a class inherits the constructor (`using NSError::NSError`).
+/// Errors are immutable and may be shared between threads. Their identity is observable: the underlying error
+/// of an error is the very object that was put in. A module with messages of its own derives a class and
+/// states its bundle with `ZMB_BUNDLE` (`NSBundle.h`); such a class inherits the constructor (`using
+/// NSError::NSError`).
 class ZEMBRA_EXPORT NSError : public NSObject {
 public:
     /// `userInfo` is a dictionary or nothing; anything else counts as nothing. Absent (nothing) and empty (a

@@ -14,7 +14,8 @@ extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorDomain[];
 
 enum NSJSONSerializationErrorCode : NSInteger {
     NSJSONSerializationErrorMalformed = 1,
-    NSJSONSerializationErrorTooDeep = 2,   ///< More than `maximumDepth` arrays and dictionaries inside each other.
+    NSJSONSerializationErrorTooDeep =
+        2,  ///< More than `maximumDepth` arrays and dictionaries inside each other.
     NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more.
 };
 
@@ -23,10 +24,10 @@ extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorOffsetKey[];
 
 /// From JSON text to values and back. No state; any thread.
 ///
-/// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a key that
-/// stands twice in a dictionary the last value counts; zero characters inside strings are kept; whole numbers beyond
-/// 64 bits become floating. Refused: what is not well-formed UTF-8, a byte order mark, lone surrogates, numbers
-/// beyond a `double`'s range, text after the value, more than `maximumDepth` levels.
+/// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a
+/// key that stands twice in a dictionary the last value counts; zero characters inside strings are kept;
+/// whole numbers beyond 64 bits become floating. Refused: what is not well-formed UTF-8, a byte order mark,
+/// lone surrogates, numbers beyond a `double`'s range, text after the value, more than `maximumDepth` levels.
 class ZEMBRA_EXPORT NSJSONSerialization {
 public:
     static constexpr std::size_t maximumDepth = 512;
@@ -36,16 +37,16 @@ public:
     /// The value that `text` stands for, or nothing; then `*error` (if given) says what is wrong and where.
     [[nodiscard]] static Value JSONObjectWithData(std::string_view text, NSErrorPtr* error = nullptr);
 
-    /// The same for a text that the caller gives away: it is read in place where its capacity has some bytes to
-    /// spare, and is left in an unspecified state.
+    /// The same for a text that the caller gives away: it is read in place where its capacity has some bytes
+    /// to spare, and is left in an unspecified state.
     [[nodiscard]] static Value JSONObjectWithData(std::string&& text, NSErrorPtr* error = nullptr);
     [[nodiscard]] static Value JSONObjectWithData(const char* text, NSErrorPtr* error = nullptr) {
         return JSONObjectWithData(std::string_view(text), error);
     }
 
-    /// Compact JSON text, always well-formed: bytes that are no UTF-8 become U+FFFD, a date its ISO 8601 text, an
-    /// object the string of its class name, nothing and numbers that JSON cannot say (infinities) become null.
-    /// Levels below `maximumDepth` are written as null.
+    /// Compact JSON text, always well-formed: bytes that are no UTF-8 become U+FFFD, a date its ISO 8601
+    /// text, an object the string of its class name, nothing and numbers that JSON cannot say (infinities)
+    /// become null. Levels below `maximumDepth` are written as null.
     [[nodiscard]] static std::string dataWithJSONObject(const Value& value);
 };
 

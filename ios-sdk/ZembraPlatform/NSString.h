@@ -13,7 +13,8 @@ namespace zembra {
 /// Whether `string` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 [[nodiscard]] ZEMBRA_EXPORT bool isWellFormedUTF8(std::string_view string) noexcept;
 
-/// The number of UTF-16 code units of `string`. A byte that belongs to no well-formed character counts as one.
+/// The number of UTF-16 code units of `string`. A byte that belongs to no well-formed character counts as
+/// one.
 [[nodiscard]] ZEMBRA_EXPORT NSUInteger lengthOfString(std::string_view string) noexcept;
 
 /// A copy of `bytes`, or `std::nullopt` where they are not well-formed UTF-8.

@@ -6,7 +6,8 @@
 
 namespace zembra {
 
-/// The device that the process runs on. What can be asked of it stands in `<ZembraCoreSDK/UIDevice+ZMBUtility.h>`.
+/// The device that the process runs on. What can be asked of it stands in
+/// `<ZembraCoreSDK/UIDevice+ZMBUtility.h>`.
 class ZEMBRA_EXPORT UIDevice : public NSObject {
 public:
     /// The one device, the same object at every call, from any thread.

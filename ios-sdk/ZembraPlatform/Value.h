@@ -23,18 +23,20 @@ namespace zembra {
 /// A point in time, in microseconds since 1970-01-01T00:00:00Z.
 using Date = std::chrono::sys_time<std::chrono::microseconds>;
 
-/// A reference to any object: what JSON decodes to, what properties hold, what an error's user information maps
-/// to, what the two credentials are.
+/// A reference to any object: what JSON decodes to, what properties hold, what an error's user information
+/// maps to, what the two credentials are.
 ///
-/// A `Value` is nothing (the default), null, a boolean, a number, a string, a date, an array, a dictionary or an
-/// `NSObject`. Nothing ("there is no value") and null ("there is one, JSON's null") are different everywhere.
+/// A `Value` is nothing (the default), null, a boolean, a number, a string, a date, an array, a dictionary or
+/// an `NSObject`. Nothing ("there is no value") and null ("there is one, JSON's null") are different
+/// everywhere.
 ///
 /// Values are immutable; only assignment replaces one as a whole. Copies are cheap and share their contents.
-/// Distinct `Value`s may be used from any threads at once, also where they share contents; an object inside is as
-/// safe as its class says.
+/// Distinct `Value`s may be used from any threads at once, also where they share contents; an object inside
+/// is as safe as its class says.
 ///
-/// Reading is total: asked for something that it is not, a value answers "no" (`std::nullopt`, `nullptr`, an empty
-/// span, nothing), never with undefined behaviour. A conversion never takes place, save between forms of number.
+/// Reading is total: asked for something that it is not, a value answers "no" (`std::nullopt`, `nullptr`, an
+/// empty span, nothing), never with undefined behaviour. A conversion never takes place, save between forms
+/// of number.
 class ZEMBRA_EXPORT Value {
 public:
     enum class Type : std::uint8_t {
@@ -52,21 +54,23 @@ public:
     };
     struct Entry;
 
-    // Making values ------------------------------------------------------------------------------------------
+    // Making values
+    // ------------------------------------------------------------------------------------------
 
     Value() noexcept = default;
     Value(std::nullptr_t) = delete;  // nothing is `{}`, null is `Value::null()`
     Value(std::same_as<bool> auto boolean) noexcept;
     template <std::integral Integer>
-        requires(!std::same_as<Integer, bool> && sizeof(Integer) <= sizeof(std::int64_t))
-    Value(Integer number) noexcept;
+    requires(!std::same_as<Integer, bool> && sizeof(Integer) <= sizeof(std::int64_t)) Value(Integer number)
+    noexcept;
     Value(std::floating_point auto number) noexcept;
     Value(std::string_view string);
     Value(const char* string) : Value(std::string_view(string)) {}
     Value(const std::string& string) : Value(std::string_view(string)) {}
     Value(Date date) noexcept;
 
-    /// The object itself: `as<T>()` gives back this very pointer, control block included. `nullptr` makes nothing.
+    /// The object itself: `as<T>()` gives back this very pointer, control block included. `nullptr` makes
+    /// nothing.
     template <std::derived_from<NSObject> Object>
     Value(std::shared_ptr<Object> object) : Value(std::shared_ptr<NSObject>(std::move(object))) {}
     Value(std::shared_ptr<NSObject> object);
@@ -77,9 +81,9 @@ public:
     [[nodiscard]] static Value array(std::vector<Value> elements);
     [[nodiscard]] static Value array(std::initializer_list<Value> elements);
 
-    /// A dictionary of the entries in order. A key that comes again replaces the earlier value in its place. No
-    /// dictionary holds nothing: an entry whose value is nothing is left out (and takes an earlier one with it).
-    /// The same holds for an entry whose key is no string.
+    /// A dictionary of the entries in order. A key that comes again replaces the earlier value in its place.
+    /// No dictionary holds nothing: an entry whose value is nothing is left out (and takes an earlier one
+    /// with it). The same holds for an entry whose key is no string.
     [[nodiscard]] static Value dictionary(std::vector<Entry> entries);
     [[nodiscard]] static Value dictionary(std::initializer_list<Entry> entries);
 
@@ -89,7 +93,8 @@ public:
     Value& operator=(Value&& other) noexcept;
     ~Value();
 
-    // Asking what a value is ---------------------------------------------------------------------------------
+    // Asking what a value is
+    // ---------------------------------------------------------------------------------
 
     [[nodiscard]] Type type() const noexcept;
     [[nodiscard]] bool isNothing() const noexcept { return type() == Type::nothing; }
@@ -102,7 +107,8 @@ public:
     [[nodiscard]] bool isDictionary() const noexcept { return type() == Type::dictionary; }
     [[nodiscard]] bool isObject() const noexcept { return type() == Type::object; }
 
-    // Reading ------------------------------------------------------------------------------------------------
+    // Reading
+    // ------------------------------------------------------------------------------------------------
 
     [[nodiscard]] std::optional<bool> boolean() const noexcept;
 
@@ -122,8 +128,8 @@ public:
     template <std::derived_from<NSObject> Object = NSObject>
     [[nodiscard]] std::shared_ptr<Object> as() const;
 
-    /// The elements of an array; the entries of a dictionary, each key once. Empty for everything else. The view
-    /// lives as long as a copy of this value does.
+    /// The elements of an array; the entries of a dictionary, each key once. Empty for everything else. The
+    /// view lives as long as a copy of this value does.
     [[nodiscard]] std::span<const Value> elements() const noexcept;
     [[nodiscard]] std::span<const Entry> entries() const noexcept;
 
@@ -137,17 +143,19 @@ public:
     [[nodiscard]] const Value& operator[](std::size_t index) const noexcept;
     const Value& operator[](int index) const noexcept { return (*this)[static_cast<std::size_t>(index)]; }
 
-    // As text ------------------------------------------------------------------------------------------------
+    // As text
+    // ------------------------------------------------------------------------------------------------
 
-    /// The textual form, used wherever text is needed of something that may not be a string: a string is itself,
-    /// an object its class name, nothing the empty text, anything else its JSON text.
+    /// The textual form, used wherever text is needed of something that may not be a string: a string is
+    /// itself, an object its class name, nothing the empty text, anything else its JSON text.
     [[nodiscard]] std::string text() const;
 
     /// Equal type and contents; dictionaries regardless of order, numbers by their value whatever their form,
     /// objects by identity.
     ZEMBRA_EXPORT friend bool operator==(const Value& a, const Value& b) noexcept;
 
-    /// For people (debugging, test output): JSON text, with nothing as `(nothing)`, an object as `<ClassName>`.
+    /// For people (debugging, test output): JSON text, with nothing as `(nothing)`, an object as
+    /// `<ClassName>`.
     ZEMBRA_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Value& value);
 
 private:

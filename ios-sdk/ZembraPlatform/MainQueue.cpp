@@ -1,0 +1,169 @@
+#include <algorithm>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <ZembraPlatform/MainQueue.h>
+
+namespace zembra {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// Durations from here on have no end that a process could live to see.
+constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
+
+int newDescriptor() noexcept {
+    return ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+}
+
+}  // namespace
+
+struct MainQueue::State {
+    mutable std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<Task> tasks;
+    std::uint64_t taken = 0;  // so `taken + tasks.size()` is the number of all tasks ever posted
+    bool isStopping = false;
+    int descriptor = -1;  // made when first asked for: a host that only runs the queue never pays for it
+
+    /// Makes the descriptor readable or not. Only called where that changes, so the counter is 0 or 1.
+    void setReadable(bool readable) const noexcept {
+        if (descriptor == -1) return;
+        std::uint64_t count = 1;
+        [[maybe_unused]] const ssize_t done =
+            readable ? ::write(descriptor, &count, sizeof count) : ::read(descriptor, &count, sizeof count);
+    }
+
+    /// The first task if it is among the first `end` ones ever posted; otherwise an empty one.
+    Task takeBefore(std::uint64_t end) {
+        if (taken >= end || tasks.empty()) return nullptr;
+        Task task = std::move(tasks.front());
+        tasks.pop_front();
+        ++taken;
+        if (tasks.empty()) setReadable(false);
+        return task;
+    }
+
+    std::uint64_t posted() const noexcept { return taken + tasks.size(); }
+
+    /// In a forked child: the tasks are the parent's, other threads are gone, and the descriptor would be one
+    /// with the parent's. The old contents are left alone, since no destructor of theirs may run here.
+    void startAfresh() {
+        const int number = descriptor;
+        State* const fresh = new (this) State;
+        if (number == -1) return;
+        fresh->descriptor = newDescriptor();
+        if (fresh->descriptor == -1) {
+            ::close(number);
+        } else if (::dup3(fresh->descriptor, number, O_CLOEXEC) != -1) {
+            ::close(std::exchange(fresh->descriptor, number));
+        }
+    }
+};
+
+MainQueue::MainQueue() : state_(new State) {}
+
+MainQueue& MainQueue::shared() {
+    static MainQueue* const queue = [] {
+        auto* const made = new MainQueue;
+        static State* state = nullptr;
+        state = made->state_;
+        ::pthread_atfork([] { state->mutex.lock(); }, [] { state->mutex.unlock(); },
+                         [] { state->startAfresh(); });
+        return made;
+    }();
+    return *queue;
+}
+
+void MainQueue::post(Task task) {
+    if (!task) return;
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->tasks.push_back(std::move(task));
+        if (state_->tasks.size() == 1) state_->setReadable(true);
+    }
+    state_->changed.notify_one();
+}
+
+std::size_t MainQueue::drain() {
+    std::size_t count = 0;
+    std::unique_lock lock(state_->mutex);
+    const std::uint64_t end = state_->posted();
+    while (Task task = state_->takeBefore(end)) {
+        lock.unlock();
+        task();
+        task = nullptr;  // what it holds goes before the lock is taken again
+        ++count;
+        lock.lock();
+    }
+    return count;
+}
+
+void MainQueue::run() {
+    runFor(kForever);
+}
+
+void MainQueue::runFor(std::chrono::milliseconds duration) {
+    [[maybe_unused]] const bool held = runUntil([] { return false; }, duration);
+}
+
+bool MainQueue::runUntil(const std::function<bool()>& condition, std::chrono::milliseconds duration) {
+    std::optional<Clock::time_point> end;
+    if (duration < kForever) end = Clock::now() + std::max(duration, std::chrono::milliseconds(0));
+    bool holds = condition();
+    std::unique_lock lock(state_->mutex);
+    const std::uint64_t waiting = state_->posted();  // these run however short the duration is
+    while (!holds && !state_->isStopping) {
+        const bool isOver = end && Clock::now() >= *end;
+        if (Task task = state_->takeBefore(isOver ? waiting : state_->posted())) {
+            lock.unlock();
+            task();
+            task = nullptr;
+            holds = condition();
+            lock.lock();
+        } else if (isOver) {
+            break;
+        } else if (end) {
+            state_->changed.wait_until(lock, *end);
+        } else {
+            state_->changed.wait(lock);
+        }
+    }
+    state_->isStopping = false;
+    return holds;
+}
+
+void MainQueue::stop() {
+    {
+        const std::lock_guard lock(state_->mutex);
+        state_->isStopping = true;
+    }
+    state_->changed.notify_one();
+}
+
+int MainQueue::fileDescriptor() const noexcept {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->descriptor == -1) {
+        state_->descriptor = newDescriptor();
+        if (!state_->tasks.empty()) state_->setReadable(true);
+    }
+    return state_->descriptor;
+}
+
+std::size_t MainQueue::pendingCount() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->tasks.size();
+}
+
+}  // namespace zembra

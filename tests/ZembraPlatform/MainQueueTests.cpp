@@ -1,0 +1,165 @@
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <ZembraPlatform/MainQueue.h>
+
+namespace zembra {
+namespace {
+
+using namespace std::chrono_literals;
+
+class MainQueueTest : public testing::Test {
+protected:
+    MainQueue& queue = MainQueue::shared();
+    std::string log;
+
+    std::function<void()> writes(char letter) {
+        return [this, letter] { log += letter; };
+    }
+
+    bool isReadable() const {
+        pollfd descriptor{queue.fileDescriptor(), POLLIN, 0};
+        return ::poll(&descriptor, 1, 0) == 1;
+    }
+};
+
+TEST_F(MainQueueTest, DrainRunsWhatWaitedWhenItBegan) {
+    queue.post(writes('a'));
+    queue.post([this] {
+        log += 'b';
+        queue.post(writes('d'));
+    });
+    queue.post({});
+    queue.post(writes('c'));
+    EXPECT_EQ(queue.pendingCount(), 3u);
+    EXPECT_EQ(queue.drain(), 3u);
+    EXPECT_EQ(log, "abc");
+    EXPECT_EQ(queue.drain(), 1u);
+    EXPECT_EQ(queue.drain(), 0u);
+    EXPECT_EQ(log, "abcd");
+}
+
+TEST_F(MainQueueTest, TasksMayDrainInOrderAndEachRunsOnce) {
+    queue.post([this] {
+        queue.post(writes('c'));
+        log += 'a';
+        EXPECT_EQ(queue.drain(), 2u);  // what waits now: b and c
+    });
+    queue.post(writes('b'));
+    EXPECT_EQ(queue.drain(), 1u);
+    EXPECT_EQ(log, "abc");
+}
+
+TEST_F(MainQueueTest, ATaskThatThrowsIsGoneAndTheOthersStay) {
+    queue.post([] { throw 1; });
+    queue.post(writes('a'));
+    EXPECT_THROW(queue.drain(), int);
+    EXPECT_EQ(queue.drain(), 1u);
+    EXPECT_EQ(log, "a");
+}
+
+TEST_F(MainQueueTest, StopEndsTheRunInProgressOrElseTheNext) {
+    queue.post([this] { queue.stop(); });
+    queue.post(writes('a'));
+    queue.run();
+    EXPECT_EQ(log, "");
+
+    queue.stop();
+    queue.run();
+    EXPECT_EQ(log, "");
+
+    queue.post([this] { queue.stop(); });
+    EXPECT_FALSE(queue.runUntil([] { return false; }, 1min));
+    EXPECT_EQ(log, "a");
+
+    // A stop that comes together with the condition ends with the operation.
+    queue.post([this] {
+        log += 'b';
+        queue.stop();
+    });
+    EXPECT_TRUE(queue.runUntil([this] { return log == "ab"; }, 1min));
+    queue.post(writes('c'));
+    queue.runFor(0ms);
+    EXPECT_EQ(log, "abc");
+}
+
+TEST_F(MainQueueTest, RunUntilEndsWithItsConditionOrItsDuration) {
+    queue.post(writes('a'));
+    queue.post(writes('b'));
+    EXPECT_TRUE(queue.runUntil([] { return true; }, 1min));
+    EXPECT_EQ(log, "");
+    EXPECT_TRUE(queue.runUntil([this] { return log == "a"; }, std::chrono::milliseconds::max()));
+    EXPECT_EQ(log, "a");
+
+    // Tasks that keep coming do not keep it from ending.
+    std::function<void()> endless = [&] { queue.post(endless); };
+    queue.post(endless);
+    EXPECT_FALSE(queue.runUntil([] { return false; }, 20ms));
+    EXPECT_EQ(log, "ab");
+    EXPECT_FALSE(queue.runUntil([] { return false; }, -1ms));
+    endless = nullptr;
+    queue.drain();
+}
+
+TEST_F(MainQueueTest, TheDescriptorIsReadableExactlyWhileTasksWait) {
+    queue.post(writes('a'));
+    EXPECT_TRUE(isReadable());  // also for a task that was there before anyone asked for the descriptor
+    queue.post([this] { EXPECT_TRUE(isReadable()); });
+    queue.post([this] { EXPECT_FALSE(isReadable()); });
+    queue.drain();
+    EXPECT_FALSE(isReadable());
+    queue.post(writes('b'));
+    EXPECT_TRUE(isReadable());
+    queue.runFor(0ms);
+    EXPECT_FALSE(isReadable());
+}
+
+TEST_F(MainQueueTest, TakesTasksFromManyThreads) {
+    constexpr int kThreads = 8;
+    constexpr int kTasks = 2000;
+    std::vector<int> next(kThreads);
+    int count = 0;
+    std::vector<std::thread> threads;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int task = 0; task < kTasks; ++task)
+                queue.post([&, thread, task] {
+                    EXPECT_EQ(next[thread]++, task);  // in the order of each thread
+                    ++count;
+                });
+        });
+    }
+    EXPECT_TRUE(queue.runUntil([&] { return count == kThreads * kTasks; }, 1min));
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_FALSE(isReadable());
+}
+
+TEST_F(MainQueueTest, AForkedChildHasAQueueOfItsOwn) {
+    queue.post(writes('a'));
+    const int descriptor = queue.fileDescriptor();
+    const pid_t child = ::fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        bool ok = queue.pendingCount() == 0 && !isReadable() && queue.fileDescriptor() == descriptor;
+        queue.post(writes('b'));
+        ok = ok && isReadable() && queue.drain() == 1 && log == "b" && !isReadable();
+        ::_exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(isReadable());  // the child took nothing from this one
+    EXPECT_EQ(queue.drain(), 1u);
+    EXPECT_EQ(log, "a");
+}
+
+}  // namespace
+}  // namespace zembra

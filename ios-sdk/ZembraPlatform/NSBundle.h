@@ -29,17 +29,16 @@ enum NSBundleErrorCode : NSInteger {
 /// override `objectForInfoDictionaryKey` to answer every lookup anew.
 class ZEMBRA_EXPORT NSBundle : public NSObject {
 public:
-    /// Where message catalogues lie: `<directory>/<language>/LC_MESSAGES/<table>.mo`, as gettext installs
-    /// them.
+    /// Where message catalogues lie, as gettext installs them:
+    /// `<directory>/<language>/LC_MESSAGES/<table>.mo`.
     struct Catalogues {
         std::filesystem::path directory;
         std::string defaultTable;                ///< The table of a lookup that names none.
         std::string developmentLanguage = "en";  ///< Asked last.
     };
 
-    /// The host's bundle. Unless `setMainBundle` was called, its info dictionary is read, at the first call,
-    /// from
-    /// `<executable>.Info.plist` beside the executable, else from `../share/<executable>/Info.plist`; its
+    /// The host's bundle. Unless `setMainBundle` was called, its info dictionary is read at the first call:
+    /// `<executable>.Info.plist` beside the executable, else `../share/<executable>/Info.plist`; its
     /// catalogues are those of table `<executable>` in `../share/locale`. Any thread.
     [[nodiscard]] static std::shared_ptr<NSBundle> mainBundle();
 
@@ -60,8 +59,8 @@ public:
     /// A bundle handed over in code. `infoDictionary` is a dictionary; anything else counts as an empty one.
     explicit NSBundle(Value infoDictionary, std::optional<Catalogues> catalogues = std::nullopt);
 
-    /// A bundle whose info dictionary is the XML or binary property list in `infoFile` (256 KiB at most),
-    /// read now. A file that cannot be read makes an empty dictionary and an `infoDictionaryError`.
+    /// A bundle whose info dictionary is the XML property list in `infoFile` (256 KiB at most), read now. A
+    /// file that cannot be used makes an empty dictionary and an `infoDictionaryError`.
     [[nodiscard]] static std::shared_ptr<NSBundle> bundleWithInfoFile(
         const std::filesystem::path& infoFile, std::optional<Catalogues> catalogues = std::nullopt);
 
@@ -86,6 +85,9 @@ private:
     const Value infoDictionary_;
     const NSErrorPtr infoDictionaryError_;
     const std::optional<Catalogues> catalogues_;
+
+    struct CatalogueCache;
+    const std::unique_ptr<CatalogueCache> catalogueCache_;
 
     NSBundle(Value infoDictionary, NSErrorPtr infoDictionaryError, std::optional<Catalogues> catalogues);
 };

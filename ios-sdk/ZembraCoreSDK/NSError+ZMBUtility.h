@@ -1,0 +1,11 @@
+#pragma once
+
+#include <ZembraPlatform/NSError.h>
+
+namespace zembra {
+
+/// Whether `error` is a failure of the network layer: its domain is `NSURLErrorDomain` or
+/// `kCFErrorDomainCFNetwork`, whatever its code. False for `nullptr`. Any thread.
+[[nodiscard]] ZEMBRA_EXPORT bool isNetworkError(const NSErrorPtr& error);
+
+}  // namespace zembra

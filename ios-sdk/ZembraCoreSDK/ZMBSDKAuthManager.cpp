@@ -1,0 +1,159 @@
+#include <mutex>
+
+#include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
+#include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
+#include <ZembraCoreSDK/ZMBSDKAuthManager.h>
+
+#include <ZembraPlatform/UIDevice.h>
+
+namespace zembra {
+
+extern "C" {
+const char ZMBSDKClientIDKey[] = "ZMBSDKClientID";
+const char ZMBSDKBundleIdentifierKey[] = "CFBundleIdentifier";
+}
+
+namespace {
+
+constexpr NSTimeInterval kTimeout{2.0};
+constexpr const char* kAbsentText = "(null)";
+
+/// Makes every request of `client` as the platform expects it.
+void configureClient(AFHTTPSessionManager& client) {
+    AFHTTPRequestSerializer& requests = client.requestSerializer();
+    requests.setTimeoutInterval(kTimeout);
+
+    const Value version = NSBundle::bundleForClass<ZMBSDKAuthManager>()->objectForInfoDictionaryKey(
+        "CFBundleShortVersionString");
+    requests.setValue("iOS v" + (version.isNothing() ? kAbsentText : version.text()) + " Core",
+                      "X-SDK-Version");
+
+    std::optional<std::string> userAgent = requests.valueForHTTPHeaderField("User-Agent");
+    if (userAgent) *userAgent += " " + hardwareString(UIDevice::currentDevice()).value_or(kAbsentText);
+    requests.setValue(std::move(userAgent), "User-Agent");
+
+    client.responseSerializer().setAcceptableContentTypes({"application/json"});
+}
+
+bool hasLengthZero(const Value& value) {
+    const auto string = value.string();
+    return value.isNothing() || (string && string->empty());
+}
+
+/// For a callback that the caller left out: that is the caller's mistake, but never a crash.
+template <class... Arguments>
+void replaceIfAbsent(std::function<void(Arguments...)>& callback) {
+    if (!callback) callback = [](Arguments...) {};
+}
+
+}  // namespace
+
+ZMBSDKAuthManager::~ZMBSDKAuthManager() = default;
+
+std::shared_ptr<ZMBSDKAuthManager> ZMBSDKAuthManager::sharedInstance(
+    std::shared_ptr<ZMBSDKAuthManager> (*create)(), std::string (*cmsAPIHost)()) {
+    static std::once_flag once;
+    static auto* const slot = new std::shared_ptr<ZMBSDKAuthManager>;  // never destroyed
+    std::call_once(once, [&] {
+        *slot = create();
+        ZMBSDKAuthManager& manager = **slot;
+        manager.setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString(cmsAPIHost())));
+        if (const auto client = manager.authClient()) configureClient(*client);
+    });
+    return *slot;
+}
+
+std::string ZMBSDKAuthManager::cmsAPIHost() {
+    return ZEMBRA_API_BASE_URL;
+}
+
+Value ZMBSDKAuthManager::clientId() const {
+    return NSBundle::mainBundle()->objectForInfoDictionaryKey(ZMBSDKClientIDKey);
+}
+
+bool ZMBSDKAuthManager::isClientIdInvalid() const {
+    return clientId().isNothing() || hasLengthZero(clientId());
+}
+
+void ZMBSDKAuthManager::getAuthTokenSuccess(TokenSuccess success, Failure failure) {
+    replaceIfAbsent(success);
+    replaceIfAbsent(failure);
+    const Value bundleIdentifier =
+        NSBundle::mainBundle()->objectForInfoDictionaryKey(ZMBSDKBundleIdentifierKey);
+    const auto client = authClient();
+    if (bundleIdentifier.isNothing() || isClientIdInvalid() || !client) {
+        failure(sdkAuthWrongInformationError());
+        return;
+    }
+    const Value parameters = Value::dictionary({{"client_id", clientId()}, {"signature", bundleIdentifier}});
+
+    // The manager may be gone when the answer comes, or go while it is handled: each step looks for it anew.
+    const std::weak_ptr<ZMBSDKAuthManager> weakSelf = weak_from_this();
+    client->POST(
+        "app/token", parameters, nullptr,
+        [weakSelf, success = std::move(success), failure](const AFHTTPSessionManager::Task&,
+                                                          const Value& response) {
+            if (const auto self = weakSelf.lock()) self->setToken(response["token"]);
+            if (const auto self = weakSelf.lock()) self->setAccountId(response["account_id"]);
+            const auto read = [&](Value (ZMBSDKAuthManager::*field)() const) {
+                const auto self = weakSelf.lock();
+                return self ? (self.get()->*field)() : Value();
+            };
+            const Value accountId = read(&ZMBSDKAuthManager::accountId);
+            const Value token = read(&ZMBSDKAuthManager::token);
+            if (accountId.isNothing() || token.isNothing())
+                failure(sdkAuthServerSideError());
+            else
+                success(accountId, token);
+        },
+        [failure](const AFHTTPSessionManager::Task&, const NSErrorPtr& error) {
+            failure(ZMBAuthError(error));
+        });
+}
+
+void ZMBSDKAuthManager::setBearerToken(const Value& token) {
+    const auto client = authClient();
+    if (!client) return;
+    client->requestSerializer().setValue(
+        token.isNothing() ? std::nullopt : std::optional<std::string>("Bearer " + token.text()),
+        "Authorization");
+}
+
+NSErrorPtr ZMBSDKAuthManager::notAllowRefreshError() const {
+    if (isClientIdInvalid()) return sdkAuthWrongInformationError();
+    if (hasLengthZero(token())) return sdkAuthUnauthorizedError();
+    return nullptr;
+}
+
+void ZMBSDKAuthManager::refreshMemberToken(std::string refreshToken, RefreshSuccess success,
+                                           Failure failure) {
+    replaceIfAbsent(success);
+    replaceIfAbsent(failure);
+    if (const NSErrorPtr error = notAllowRefreshError()) {
+        failure(error);
+        return;
+    }
+    const auto client = authClient();
+    if (!client) {
+        failure(sdkAuthWrongInformationError());
+        return;
+    }
+    // The client takes a request's headers during POST, so that this request carries the bearer value and
+    // none after it does.
+    setBearerToken(token());
+    client->POST(
+        "app/members/token", Value::dictionary({{"refresh_token", refreshToken}}), nullptr,
+        [success = std::move(success), failure](const AFHTTPSessionManager::Task&, const Value& response) {
+            const Value& memberToken = response["token"];
+            if (memberToken.isNothing())
+                failure(sdkAuthServerSideError());
+            else
+                success(memberToken);
+        },
+        [failure](const AFHTTPSessionManager::Task&, const NSErrorPtr& error) {
+            failure(ZMBAuthError(error));
+        });
+    setBearerToken({});
+}
+
+}  // namespace zembra

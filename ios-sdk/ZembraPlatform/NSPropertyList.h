@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <ZembraPlatform/Value.h>
+
+/// Property lists, as `NSBundle` reads them; not part of the public interface.
+namespace zembra {
+
+/// The dictionary that `contents`, an XML property list in UTF-8, stands for, or nothing; then `reason` says
+/// why. Data comes as the string of its bytes. The parser's stack grows with the nesting: give it no more
+/// than 256 KiB.
+Value dictionaryWithPropertyList(std::string_view contents, std::string& reason);
+
+}  // namespace zembra

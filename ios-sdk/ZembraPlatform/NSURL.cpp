@@ -1,0 +1,22 @@
+#include <algorithm>
+
+#include <ZembraPlatform/NSURL.h>
+
+namespace zembra {
+
+extern "C" {
+const char NSURLErrorDomain[] = "NSURLErrorDomain";
+const char kCFErrorDomainCFNetwork[] = "kCFErrorDomainCFNetwork";
+}
+
+bool NSHTTPURLResponse::FieldNameLess::operator()(std::string_view a, std::string_view b) const noexcept {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    return std::ranges::lexicographical_compare(a, b, {}, lower, lower);
+}
+
+NSHTTPURLResponse::NSHTTPURLResponse(NSURL url, NSInteger statusCode, HeaderFields headerFields)
+    : url_(std::move(url)), statusCode_(statusCode), headerFields_(std::move(headerFields)) {}
+
+NSHTTPURLResponse::~NSHTTPURLResponse() = default;
+
+}  // namespace zembra

@@ -67,11 +67,10 @@ struct NSBundle::CatalogueCache {
     /// The text under `key` in the catalogue that `file` holds.
     std::optional<std::string> find(const std::filesystem::path& file, std::string_view key) {
         const std::lock_guard lock(mutex);
-        auto catalogue = catalogues.find(file);
-        if (catalogue == catalogues.end())
-            catalogue = catalogues.emplace(file, MessageCatalogue::read(file)).first;
-        if (!catalogue->second) return std::nullopt;
-        return catalogue->second->find(key);
+        const auto [entry, isNew] = catalogues.try_emplace(file);
+        if (isNew) entry->second = MessageCatalogue::read(file);
+        const auto text = entry->second ? entry->second->find(key) : std::nullopt;
+        return text ? std::optional(std::string(*text)) : std::nullopt;
     }
 };
 

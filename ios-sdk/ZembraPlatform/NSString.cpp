@@ -4,14 +4,12 @@
 
 namespace zembra {
 
-namespace {
-
-/// The length in bytes of the well-formed character that `rest` starts with, or 0.
-std::size_t characterLength(std::string_view rest) noexcept {
-    const auto byte = [rest](std::size_t index) { return static_cast<std::uint8_t>(rest[index]); };
+std::size_t lengthOfUTF8Character(std::string_view string) noexcept {
+    const auto byte = [string](std::size_t index) { return static_cast<std::uint8_t>(string[index]); };
     const auto continues = [&](std::size_t index) {
-        return index < rest.size() && byte(index) >= 0x80 && byte(index) <= 0xBF;
+        return index < string.size() && byte(index) >= 0x80 && byte(index) <= 0xBF;
     };
+    if (string.empty()) return 0;
     const std::uint8_t lead = byte(0);
     if (lead < 0x80) return 1;
     if (lead < 0xC2) return 0;
@@ -28,11 +26,9 @@ std::size_t characterLength(std::string_view rest) noexcept {
     return isOverlong || isTooLarge ? 0 : 4;
 }
 
-}  // namespace
-
 bool isWellFormedUTF8(std::string_view string) noexcept {
     while (!string.empty()) {
-        const std::size_t length = characterLength(string);
+        const std::size_t length = lengthOfUTF8Character(string);
         if (length == 0) return false;
         string.remove_prefix(length);
     }
@@ -42,7 +38,7 @@ bool isWellFormedUTF8(std::string_view string) noexcept {
 NSUInteger lengthOfString(std::string_view string) noexcept {
     NSUInteger units = 0;
     while (!string.empty()) {
-        const std::size_t length = characterLength(string);
+        const std::size_t length = lengthOfUTF8Character(string);
         units += length == 4 ? 2 : 1;
         string.remove_prefix(length == 0 ? 1 : length);
     }

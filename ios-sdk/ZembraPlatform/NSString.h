@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,6 +13,9 @@ namespace zembra {
 
 /// Whether `string` is well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF).
 [[nodiscard]] ZEMBRA_EXPORT bool isWellFormedUTF8(std::string_view string) noexcept;
+
+/// The length in bytes of the well-formed character that `string` starts with, 0 where there is none.
+[[nodiscard]] ZEMBRA_EXPORT std::size_t lengthOfUTF8Character(std::string_view string) noexcept;
 
 /// The number of UTF-16 code units of `string`. A byte that belongs to no well-formed character counts as
 /// one.

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <array>
+#include <atomic>
 #include <chrono>
-#include <compare>
 #include <concepts>
 #include <cstdint>
 #include <initializer_list>
@@ -12,7 +11,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -22,6 +20,10 @@ namespace zembra {
 
 /// A point in time, in microseconds since 1970-01-01T00:00:00Z.
 using Date = std::chrono::sys_time<std::chrono::microseconds>;
+
+/// A type of whole numbers of at most 64 bits.
+template <typename T>
+concept WholeNumber = std::integral<T> && !std::same_as<T, bool> && sizeof(T) <= sizeof(std::int64_t);
 
 /// A reference to any object: what JSON decodes to, what properties hold, what an error's user information
 /// maps to, what the two credentials are.
@@ -37,6 +39,10 @@ using Date = std::chrono::sys_time<std::chrono::microseconds>;
 /// Reading is total: asked for something that it is not, a value answers "no" (`std::nullopt`, `nullptr`, an
 /// empty span, nothing), never with undefined behaviour. A conversion never takes place, save between forms
 /// of number.
+///
+/// Values may be nested to any depth: none of the operations here uses stack in proportion to it. A string
+/// has fewer than 2^32 bytes, an array or a dictionary fewer than 2^31 items: what would make a larger one
+/// throws `std::length_error`.
 class ZEMBRA_EXPORT Value {
 public:
     enum class Type : std::uint8_t {
@@ -57,14 +63,12 @@ public:
     // Making values
     // ------------------------------------------------------------------------------------------
 
-    Value() noexcept = default;
+    constexpr Value() noexcept = default;
     Value(std::nullptr_t) = delete;  // nothing is `{}`, null is `Value::null()`
     Value(std::same_as<bool> auto boolean) noexcept;
-    template <std::integral Integer>
-    requires(!std::same_as<Integer, bool> && sizeof(Integer) <= sizeof(std::int64_t)) Value(Integer number)
-    noexcept;
+    Value(WholeNumber auto number) noexcept;
     Value(std::floating_point auto number) noexcept;
-    Value(std::string_view string);
+    Value(std::string_view string);  // bytes of any kind, zero and malformed UTF-8 included
     Value(const char* string) : Value(std::string_view(string)) {}
     Value(const std::string& string) : Value(std::string_view(string)) {}
     Value(Date date) noexcept;
@@ -87,20 +91,30 @@ public:
     [[nodiscard]] static Value dictionary(std::vector<Entry> entries);
     [[nodiscard]] static Value dictionary(std::initializer_list<Entry> entries);
 
-    Value(const Value& other) noexcept;
-    Value(Value&& other) noexcept;  // leaves nothing behind
-    Value& operator=(const Value& other) noexcept;
-    Value& operator=(Value&& other) noexcept;
-    ~Value();
+    Value(const Value& other) noexcept : storage_(other.storage_) { retain(); }
+    Value(Value&& other) noexcept : storage_(std::exchange(other.storage_, Storage())) {}  // leaves nothing
+    Value& operator=(const Value& other) noexcept { return *this = Value(other); }
+    Value& operator=(Value&& other) noexcept {
+        Value(std::move(other)).swap(*this);
+        return *this;
+    }
+    constexpr ~Value() {
+        if (isCounted()) release();
+    }
+    void swap(Value& other) noexcept { std::swap(storage_, other.storage_); }
 
     // Asking what a value is
     // ---------------------------------------------------------------------------------
 
-    [[nodiscard]] Type type() const noexcept;
+    [[nodiscard]] Type type() const noexcept {
+        return storage_.kind == kLongString ? Type::string : static_cast<Type>(storage_.kind);
+    }
     [[nodiscard]] bool isNothing() const noexcept { return type() == Type::nothing; }
     [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
     [[nodiscard]] bool isBoolean() const noexcept { return type() == Type::boolean; }
-    [[nodiscard]] bool isNumber() const noexcept;
+    [[nodiscard]] bool isNumber() const noexcept {
+        return type() == Type::integer || type() == Type::unsignedInteger || type() == Type::floating;
+    }
     [[nodiscard]] bool isString() const noexcept { return type() == Type::string; }
     [[nodiscard]] bool isDate() const noexcept { return type() == Type::date; }
     [[nodiscard]] bool isArray() const noexcept { return type() == Type::array; }
@@ -114,6 +128,9 @@ public:
 
     /// A number that is whole and within `std::int64_t` (2.0 is 2; 2.5 and 1e300 are not).
     [[nodiscard]] std::optional<std::int64_t> integer() const noexcept;
+
+    /// A number that is whole and within `std::uint64_t`.
+    [[nodiscard]] std::optional<std::uint64_t> unsignedInteger() const noexcept;
 
     /// Any number, rounded where a `double` cannot hold it.
     [[nodiscard]] std::optional<double> number() const noexcept;
@@ -140,26 +157,74 @@ public:
     [[nodiscard]] const Value& operator[](std::string_view key) const noexcept;
 
     /// Element `index` of an array, nothing where there is none.
-    [[nodiscard]] const Value& operator[](std::size_t index) const noexcept;
-    const Value& operator[](int index) const noexcept { return (*this)[static_cast<std::size_t>(index)]; }
+    [[nodiscard]] const Value& operator[](std::integral auto index) const noexcept;
+
+    /// Whether a dictionary holds null under any key; known without a search. False for everything else.
+    [[nodiscard]] bool containsNull() const noexcept { return isDictionary() && storage_.containsNull; }
+
+    /// Element `index` of an array, the value of entry `index` of a dictionary, nothing where there is none.
+    /// Where nobody else holds the array or dictionary, the element is moved out and leaves nothing in its
+    /// place (null stays null); else it is copied. This is for consuming a value that is let go afterwards.
+    [[nodiscard]] Value takeValueAt(std::size_t index) noexcept;
 
     // As text
     // ------------------------------------------------------------------------------------------------
 
     /// The textual form, used wherever text is needed of something that may not be a string: a string is
-    /// itself, an object its class name, nothing the empty text, anything else its JSON text.
+    /// itself, an object its class name, nothing the empty text, anything else its JSON text as
+    /// `NSJSONSerialization` writes it.
     [[nodiscard]] std::string text() const;
 
-    /// Equal type and contents; dictionaries regardless of order, numbers by their value whatever their form,
-    /// objects by identity.
-    ZEMBRA_EXPORT friend bool operator==(const Value& a, const Value& b) noexcept;
+    /// Equal type and contents; dictionaries regardless of order, numbers by their value whatever their form
+    /// (a NaN equals a NaN), objects by identity.
+    ZEMBRA_EXPORT friend bool operator==(const Value& a, const Value& b);
 
     /// For people (debugging, test output): JSON text, with nothing as `(nothing)`, an object as
-    /// `<ClassName>`.
+    /// `<ClassName>`, and `...` for what lies more than 512 levels deep.
     ZEMBRA_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Value& value);
 
 private:
-    // to be laid out: 16 bytes
+    friend class ValueBuilder;
+
+    // A scalar or a short string lies in the value itself. Everything else is one allocation: the number of
+    // its holders, then the characters, the items or the `std::shared_ptr`. The count of characters or items
+    // stands in the value, so asking for it touches no other memory.
+    struct Contents {
+        std::atomic<std::uintptr_t> holders;
+    };
+    static constexpr std::uint8_t kLongString = 11;  // kinds are `Type`s, except this one
+    static constexpr std::size_t kShortStringCapacity = 14;
+    struct Storage {
+        union {
+            std::int64_t integer = 0;
+            std::uint64_t unsignedInteger;
+            double floating;
+            bool boolean;
+            Contents* contents;
+        };
+        std::uint32_t count = 0;  // where `contents` stands
+        bool containsNull = false;
+        std::uint8_t unused = 0;             // a short string takes all bytes up to here,
+        std::uint8_t shortStringLength = 0;  // and this many of them
+        std::uint8_t kind = 0;
+    };
+
+    explicit Value(const Storage& storage) noexcept : storage_(storage) {}
+
+    [[nodiscard]] constexpr bool isCounted() const noexcept {
+        return storage_.kind >= static_cast<std::uint8_t>(Type::array);
+    }
+    void retain() const noexcept {
+        if (isCounted()) storage_.contents->holders.fetch_add(1, std::memory_order_relaxed);
+    }
+    void release() noexcept;
+    [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount);
+    static void destroy(Storage dead) noexcept;
+    [[nodiscard]] Value* items() const noexcept { return reinterpret_cast<Value*>(storage_.contents + 1); }
+    [[nodiscard]] const std::shared_ptr<NSObject>& object() const noexcept;
+    [[nodiscard]] const Value& elementAt(std::size_t index) const noexcept;
+
+    Storage storage_;
 };
 
 /// One entry of a dictionary. The key of an entry inside a dictionary is always a string.
@@ -167,5 +232,86 @@ struct Value::Entry {
     Value key;
     Value value;
 };
+
+// Implementation of what is inline
+// ----------------------------------------------------------------------------------------------------
+
+Value::Value(std::same_as<bool> auto boolean) noexcept {
+    storage_.boolean = boolean;
+    storage_.kind = static_cast<std::uint8_t>(Type::boolean);
+}
+
+Value::Value(WholeNumber auto number) noexcept {
+    if (std::in_range<std::int64_t>(+number)) {
+        storage_.integer = static_cast<std::int64_t>(number);
+        storage_.kind = static_cast<std::uint8_t>(Type::integer);
+    } else {
+        storage_.unsignedInteger = static_cast<std::uint64_t>(number);
+        storage_.kind = static_cast<std::uint8_t>(Type::unsignedInteger);
+    }
+}
+
+Value::Value(std::floating_point auto number) noexcept {
+    storage_.floating = static_cast<double>(number);
+    storage_.kind = static_cast<std::uint8_t>(Type::floating);
+}
+
+inline Value::Value(Date date) noexcept {
+    storage_.integer = date.time_since_epoch().count();
+    storage_.kind = static_cast<std::uint8_t>(Type::date);
+}
+
+inline Value Value::null() noexcept {
+    Value null;
+    null.storage_.kind = static_cast<std::uint8_t>(Type::null);
+    return null;
+}
+
+inline std::optional<bool> Value::boolean() const noexcept {
+    return isBoolean() ? std::optional(storage_.boolean) : std::nullopt;
+}
+
+inline std::optional<std::string_view> Value::string() const& noexcept {
+    if (storage_.kind == kLongString)
+        return std::string_view(reinterpret_cast<const char*>(storage_.contents + 1), storage_.count);
+    if (storage_.kind == static_cast<std::uint8_t>(Type::string))
+        return std::string_view(reinterpret_cast<const char*>(&storage_), storage_.shortStringLength);
+    return std::nullopt;
+}
+
+inline std::optional<Date> Value::date() const noexcept {
+    return isDate() ? std::optional(Date(Date::duration(storage_.integer))) : std::nullopt;
+}
+
+template <std::derived_from<NSObject> Object>
+std::shared_ptr<Object> Value::as() const {
+    if (!isObject()) return nullptr;
+    if constexpr (std::same_as<Object, NSObject>) return object();
+    return std::dynamic_pointer_cast<Object>(object());
+}
+
+inline std::span<const Value> Value::elements() const noexcept {
+    return isArray() ? std::span<const Value>(items(), storage_.count) : std::span<const Value>();
+}
+
+inline std::span<const Value::Entry> Value::entries() const noexcept {
+    if (!isDictionary()) return {};
+    return {reinterpret_cast<const Entry*>(items()), storage_.count};
+}
+
+inline std::size_t Value::count() const noexcept {
+    return isArray() || isDictionary() ? storage_.count : 0;
+}
+
+const Value& Value::operator[](std::integral auto index) const noexcept {
+    return elementAt(static_cast<std::size_t>(index));
+}
+
+inline Value Value::takeValueAt(std::size_t index) noexcept {
+    if (index >= count()) return {};
+    Value& item = items()[isArray() ? index : 2 * index + 1];
+    const bool isOnlyHolder = storage_.contents->holders.load(std::memory_order_acquire) == 1;
+    return isOnlyHolder && !item.isNull() ? std::move(item) : item;
+}
 
 }  // namespace zembra

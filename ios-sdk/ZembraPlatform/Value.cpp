@@ -1,0 +1,331 @@
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <ostream>
+#include <stdexcept>
+
+#include <ZembraPlatform/KeyHash.h>
+#include <ZembraPlatform/Value.h>
+#include <ZembraPlatform/ValueBuilder.h>
+#include <ZembraPlatform/ValueText.h>
+
+namespace zembra {
+
+static_assert(sizeof(Value) == 16 && sizeof(Value::Entry) == 2 * sizeof(Value));
+
+namespace {
+
+constexpr Value kNothing{};
+
+// A dictionary of more entries than this has an index behind its entries: a hash table with open addressing
+// and at least twice as many slots as entries. A slot holds the number of an entry, from 1, or 0.
+constexpr std::size_t kLinearSearchLimit = 16;
+using Slot = std::uint32_t;
+
+constexpr std::size_t slotCountFor(std::size_t entryCount) noexcept {
+    return entryCount <= kLinearSearchLimit ? 0 : 2 * std::bit_ceil(entryCount);
+}
+
+/// The slot of `key`, or the empty one where it belongs.
+Slot& slotOfKey(std::string_view key, std::span<Slot> slots, const Value::Entry* entries) noexcept {
+    const std::size_t mask = slots.size() - 1;
+    std::size_t position = hashOfKey(key) & mask;
+    while (slots[position] != 0 && entries[slots[position] - 1].key.string() != key)
+        position = (position + 1) & mask;
+    return slots[position];
+}
+
+void checkCount(std::size_t count) {
+    if (count > ValueBuilder::kMaximumCount) throw std::length_error("too many items for a zembra::Value");
+}
+
+/// Where the entry with the key of `entries[index]` first stands.
+std::size_t firstWithSameKey(std::span<const Value::Entry> entries, std::size_t index,
+                             std::span<Slot> slots) {
+    const std::string_view key = *entries[index].key.string();
+    if (slots.empty()) {
+        return static_cast<std::size_t>(
+            std::ranges::find(entries, key, [](const Value::Entry& entry) { return *entry.key.string(); }) -
+            entries.begin());
+    }
+    Slot& slot = slotOfKey(key, slots, entries.data());
+    if (slot == 0) slot = static_cast<Slot>(index + 1);
+    return slot - 1;
+}
+
+}  // namespace
+
+// Making values
+// ----------------------------------------------------------------------------------------------------
+
+Value::Storage Value::allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount) {
+    Storage storage;
+    storage.contents = new (::operator new(sizeof(Contents) + byteCount)) Contents{1};
+    storage.count = static_cast<std::uint32_t>(count);
+    storage.kind = kind;
+    return storage;
+}
+
+Value ValueBuilder::array(const Value* elements, std::size_t count) {
+    checkCount(count);
+    constexpr auto kind = static_cast<std::uint8_t>(Value::Type::array);
+    Value array(Value::allocate(kind, count, count * sizeof(Value)));
+    if (count != 0) std::memcpy(static_cast<void*>(array.items()), elements, count * sizeof(Value));
+    return array;
+}
+
+Value ValueBuilder::dictionary(const Value::Entry* entries, std::size_t count) {
+    checkCount(count);
+    const std::size_t slotCount = slotCountFor(count);
+    const std::size_t itemBytes = count * sizeof(Value::Entry);
+    constexpr auto kind = static_cast<std::uint8_t>(Value::Type::dictionary);
+    Value dictionary(Value::allocate(kind, count, itemBytes + slotCount * sizeof(Slot)));
+    if (count != 0) std::memcpy(static_cast<void*>(dictionary.items()), entries, itemBytes);
+    const std::span<const Value::Entry> copied = dictionary.entries();
+    dictionary.storage_.containsNull =
+        std::ranges::any_of(copied, [](const Value::Entry& entry) { return entry.value.isNull(); });
+    if (slotCount != 0) {
+        auto* const slots = reinterpret_cast<Slot*>(dictionary.items() + 2 * count);
+        std::fill_n(slots, slotCount, Slot{0});
+        for (std::size_t index = 0; index < count; ++index)
+            slotOfKey(*copied[index].key.string(), {slots, slotCount}, copied.data()) =
+                static_cast<Slot>(index + 1);
+    }
+    return dictionary;
+}
+
+Value::Value(std::string_view string) {
+    if (string.size() <= kShortStringCapacity) {
+        string.copy(reinterpret_cast<char*>(&storage_), string.size());
+        storage_.shortStringLength = static_cast<std::uint8_t>(string.size());
+        storage_.kind = static_cast<std::uint8_t>(Type::string);
+        return;
+    }
+    if (string.size() > UINT32_MAX) throw std::length_error("a string too long for a zembra::Value");
+    storage_ = allocate(kLongString, string.size(), string.size());
+    string.copy(reinterpret_cast<char*>(storage_.contents + 1), string.size());
+}
+
+Value::Value(std::shared_ptr<NSObject> object) {
+    if (!object) return;
+    storage_ = allocate(static_cast<std::uint8_t>(Type::object), 0, sizeof(object));
+    new (storage_.contents + 1) std::shared_ptr<NSObject>(std::move(object));
+}
+
+Value Value::array(std::vector<Value> elements) {
+    std::erase_if(elements, [](const Value& element) { return element.isNothing(); });
+    Value array = ValueBuilder::array(elements.data(), elements.size());
+    for (Value& element : elements)
+        element.storage_ = {};  // now held by the array
+    return array;
+}
+
+Value Value::array(std::initializer_list<Value> elements) {
+    return array(std::vector<Value>(elements));
+}
+
+Value Value::dictionary(std::vector<Entry> entries) {
+    checkCount(entries.size());
+    std::erase_if(entries, [](const Entry& entry) { return !entry.key.isString(); });
+    std::vector<Slot> slots(slotCountFor(entries.size()));
+    for (std::size_t index = 0; index < entries.size(); ++index) {
+        const std::size_t first = firstWithSameKey(entries, index, slots);
+        if (first != index) entries[first].value = std::exchange(entries[index].value, {});
+    }
+    std::erase_if(entries, [](const Entry& entry) { return entry.value.isNothing(); });
+    Value dictionary = ValueBuilder::dictionary(entries.data(), entries.size());
+    for (auto& [key, value] : entries)
+        key.storage_ = value.storage_ = {};  // now held by the dictionary
+    return dictionary;
+}
+
+Value Value::dictionary(std::initializer_list<Entry> entries) {
+    return dictionary(std::vector<Entry>(entries));
+}
+
+// Letting go
+// ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+/// Whether the caller was the last holder. A sole holder needs no atomic write: nobody else can come to hold.
+bool letGo(std::atomic<std::uintptr_t>& holders) noexcept {
+    return holders.load(std::memory_order_acquire) == 1 ||
+           holders.fetch_sub(1, std::memory_order_acq_rel) == 1;
+}
+
+}  // namespace
+
+void Value::release() noexcept {
+    if (letGo(storage_.contents->holders)) destroy(storage_);
+}
+
+// Walks the tree of what dies with `dead` without stack or memory of its own: on the way down, the item that
+// held the dying container keeps the storage of the container around it, and the count of holders of the
+// dying container, which is 0, keeps the address of that item.
+void Value::destroy(Storage dead) noexcept {
+    const auto freeContents = [](const Storage& storage) {
+        if (storage.kind == static_cast<std::uint8_t>(Type::object))
+            std::destroy_at(reinterpret_cast<std::shared_ptr<NSObject>*>(storage.contents + 1));
+        ::operator delete(storage.contents);
+    };
+    const auto itemsOf = [](const Storage& storage) {
+        return reinterpret_cast<Value*>(storage.contents + 1);
+    };
+    const auto itemCountOf = [](const Storage& storage) -> std::size_t {
+        if (storage.kind == static_cast<std::uint8_t>(Type::array)) return storage.count;
+        return storage.kind == static_cast<std::uint8_t>(Type::dictionary) ? 2 * std::size_t{storage.count}
+                                                                           : 0;
+    };
+
+    dead.contents->holders.store(0, std::memory_order_relaxed);
+    Value* item = itemsOf(dead);
+    for (;;) {
+        while (item != itemsOf(dead) + itemCountOf(dead)) {
+            if (!item->isCounted() || !letGo(item->storage_.contents->holders)) {
+                ++item;
+            } else if (itemCountOf(item->storage_) == 0) {
+                freeContents(item->storage_);
+                ++item;
+            } else {
+                const Storage child = std::exchange(item->storage_, dead);
+                child.contents->holders.store(reinterpret_cast<std::uintptr_t>(item),
+                                              std::memory_order_relaxed);
+                dead = child;
+                item = itemsOf(dead);
+            }
+        }
+        item = reinterpret_cast<Value*>(dead.contents->holders.load(std::memory_order_relaxed));
+        freeContents(dead);
+        if (item == nullptr) return;
+        dead = item->storage_;
+        ++item;
+    }
+}
+
+// Reading
+// ----------------------------------------------------------------------------------------------------
+
+std::optional<std::int64_t> Value::integer() const noexcept {
+    if (storage_.kind == static_cast<std::uint8_t>(Type::integer)) return storage_.integer;
+    if (storage_.kind != static_cast<std::uint8_t>(Type::floating)) return std::nullopt;
+    const double number = storage_.floating;
+    if (!(number >= -0x1p63 && number < 0x1p63) || std::trunc(number) != number) return std::nullopt;
+    return static_cast<std::int64_t>(number);
+}
+
+std::optional<std::uint64_t> Value::unsignedInteger() const noexcept {
+    if (storage_.kind == static_cast<std::uint8_t>(Type::unsignedInteger)) return storage_.unsignedInteger;
+    if (storage_.kind == static_cast<std::uint8_t>(Type::floating)) {
+        const double number = storage_.floating;
+        if (!(number >= 0 && number < 0x1p64) || std::trunc(number) != number) return std::nullopt;
+        return static_cast<std::uint64_t>(number);
+    }
+    const std::optional<std::int64_t> number = integer();
+    return number && *number >= 0 ? std::optional(static_cast<std::uint64_t>(*number)) : std::nullopt;
+}
+
+std::optional<double> Value::number() const noexcept {
+    switch (type()) {
+        case Type::integer:
+            return static_cast<double>(storage_.integer);
+        case Type::unsignedInteger:
+            return static_cast<double>(storage_.unsignedInteger);
+        case Type::floating:
+            return storage_.floating;
+        default:
+            return std::nullopt;
+    }
+}
+
+const std::shared_ptr<NSObject>& Value::object() const noexcept {
+    return *reinterpret_cast<const std::shared_ptr<NSObject>*>(storage_.contents + 1);
+}
+
+const Value& Value::elementAt(std::size_t index) const noexcept {
+    return isArray() && index < storage_.count ? items()[index] : kNothing;
+}
+
+const Value& Value::operator[](std::string_view key) const noexcept {
+    const std::span<const Entry> entries = this->entries();
+    if (const std::size_t slotCount = slotCountFor(entries.size()); slotCount != 0) {
+        auto* const slots = reinterpret_cast<Slot*>(items() + 2 * entries.size());
+        const Slot slot = slotOfKey(key, {slots, slotCount}, entries.data());
+        return slot == 0 ? kNothing : entries[slot - 1].value;
+    }
+    for (const Entry& entry : entries) {
+        if (*entry.key.string() == key) return entry.value;
+    }
+    return kNothing;
+}
+
+// As text, equality
+// ----------------------------------------------------------------------------------------------------
+
+std::string Value::text() const {
+    if (isString()) return std::string(*string());
+    if (isObject()) return object()->className();
+    std::string text;
+    if (!isNothing()) appendText(text, *this, TextStyle::json);
+    return text;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Value& value) {
+    std::string text;
+    appendText(text, value, TextStyle::forPeople);
+    return stream << text;
+}
+
+namespace {
+
+bool areEqualNumbers(const Value& a, const Value& b) noexcept {
+    if (a.integer() || b.integer()) return a.integer() == b.integer();
+    if (a.unsignedInteger() || b.unsignedInteger()) return a.unsignedInteger() == b.unsignedInteger();
+    return a.number() == b.number() || (std::isnan(*a.number()) && std::isnan(*b.number()));
+}
+
+}  // namespace
+
+bool operator==(const Value& a, const Value& b) {
+    std::vector<std::pair<const Value*, const Value*>> pairs{{&a, &b}};  // still to be compared
+    while (!pairs.empty()) {
+        const auto [left, right] = pairs.back();
+        pairs.pop_back();
+        if (left->isNumber() && right->isNumber()) {
+            if (!areEqualNumbers(*left, *right)) return false;
+            continue;
+        }
+        if (left->type() != right->type() || left->count() != right->count()) return false;
+        switch (left->type()) {
+            case Value::Type::boolean:
+                if (left->boolean() != right->boolean()) return false;
+                break;
+            case Value::Type::string:
+                if (left->string() != right->string()) return false;
+                break;
+            case Value::Type::date:
+                if (left->date() != right->date()) return false;
+                break;
+            case Value::Type::object:
+                if (left->object() != right->object()) return false;
+                break;
+            case Value::Type::array:
+                if (left->items() == right->items()) break;
+                for (std::size_t index = 0; index < left->count(); ++index)
+                    pairs.emplace_back(&(*left)[index], &(*right)[index]);
+                break;
+            case Value::Type::dictionary:
+                if (left->items() == right->items()) break;
+                for (const auto& [key, value] : left->entries())
+                    pairs.emplace_back(&value, &(*right)[*key.string()]);
+                break;
+            default:  // nothing and null have no contents, numbers were compared above
+                break;
+        }
+    }
+    return true;
+}
+
+}  // namespace zembra

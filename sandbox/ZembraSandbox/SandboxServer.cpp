@@ -399,12 +399,15 @@ const std::string& SandboxServer::certificateAuthority() const noexcept {
 void SandboxServer::writeCertificateAuthority(const std::filesystem::path& file) const {
     const std::string& pem = certificateAuthority();
     const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    bool isWritten =
-        descriptor >= 0 && write(descriptor, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
-    if (descriptor >= 0) isWritten = ::close(descriptor) == 0 && isWritten;
-    if (!isWritten) {
+    int error = descriptor >= 0 ? 0 : errno;
+    if (descriptor >= 0) {
+        if (write(descriptor, pem.data(), pem.size()) != static_cast<ssize_t>(pem.size())) error = errno;
+        ::close(descriptor);
+        if (error != 0) unlink(file.c_str());
+    }
+    if (error != 0) {
         throw std::runtime_error("Cannot write the certificate authority to " + file.string() + ": " +
-                                 std::generic_category().message(errno));
+                                 std::generic_category().message(error));
     }
 }
 

@@ -16,7 +16,7 @@ enum NSJSONSerializationErrorCode : NSInteger {
     NSJSONSerializationErrorMalformed = 1,
     NSJSONSerializationErrorTooDeep =
         2,  ///< More than `maximumDepth` arrays and dictionaries inside each other.
-    NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more.
+    NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more, or more than there is memory for.
 };
 
 /// The key of such an error's user information under which the byte offset of the fault stands, a number.
@@ -32,13 +32,16 @@ class ZEMBRA_EXPORT NSJSONSerialization {
 public:
     static constexpr std::size_t maximumDepth = 512;
 
+    /// The bytes of capacity beyond its size that let a text be read in place.
+    static constexpr std::size_t spareCapacity = 128;
+
     NSJSONSerialization() = delete;
 
     /// The value that `text` stands for, or nothing; then `*error` (if given) says what is wrong and where.
     [[nodiscard]] static Value JSONObjectWithData(std::string_view text, NSErrorPtr* error = nullptr);
 
-    /// The same for a text that the caller gives away: it is read in place where its capacity has some bytes
-    /// to spare, and is left in an unspecified state.
+    /// The same for a text that the caller gives away: it is read in place where it has `spareCapacity`, and
+    /// is left in an unspecified state.
     [[nodiscard]] static Value JSONObjectWithData(std::string&& text, NSErrorPtr* error = nullptr);
     [[nodiscard]] static Value JSONObjectWithData(const char* text, NSErrorPtr* error = nullptr) {
         return JSONObjectWithData(std::string_view(text), error);
@@ -46,7 +49,8 @@ public:
 
     /// Compact JSON text, always well-formed: bytes that are no UTF-8 become U+FFFD, a date its ISO 8601
     /// text, an object the string of its class name, nothing and numbers that JSON cannot say (infinities)
-    /// become null. Levels below `maximumDepth` are written as null.
+    /// become null. Floating numbers have a fraction or an exponent and are read back as the same number.
+    /// Arrays and dictionaries inside `maximumDepth` others are written as null.
     [[nodiscard]] static std::string dataWithJSONObject(const Value& value);
 };
 

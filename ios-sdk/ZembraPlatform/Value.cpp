@@ -21,6 +21,7 @@ constexpr Value kNothing{};
 
 // A dictionary of more entries than this has an index behind its entries: a hash table with open addressing
 // and at least twice as many slots as entries. A slot holds the number of an entry, from 1, or 0.
+constexpr std::size_t kMaximumCount = 0x7FFF'FFFF;
 constexpr std::size_t kLinearSearchLimit = 16;
 using Slot = std::uint32_t;
 
@@ -38,7 +39,7 @@ Slot& slotOfKey(std::string_view key, std::span<Slot> slots, const Value::Entry*
 }
 
 void checkCount(std::size_t count) {
-    if (count > ValueBuilder::kMaximumCount) throw std::length_error("too many items for a zembra::Value");
+    if (count > kMaximumCount) throw std::length_error("too many items for a zembra::Value");
 }
 
 /// Where the entry with the key of `entries[index]` first stands.
@@ -68,32 +69,40 @@ Value::Storage Value::allocate(std::uint8_t kind, std::size_t count, std::size_t
     return storage;
 }
 
-Value ValueBuilder::array(const Value* elements, std::size_t count) {
+Value Value::arrayOfParts(const Value* elements, std::size_t count) {
     checkCount(count);
-    constexpr auto kind = static_cast<std::uint8_t>(Value::Type::array);
-    Value array(Value::allocate(kind, count, count * sizeof(Value)));
-    if (count != 0) std::memcpy(static_cast<void*>(array.items()), elements, count * sizeof(Value));
+    const std::size_t byteCount = count * sizeof(Value);
+    Value array(allocate(static_cast<std::uint8_t>(Type::array), count, byteCount));
+    if (count != 0) std::memcpy(static_cast<void*>(array.items()), elements, byteCount);
     return array;
 }
 
-Value ValueBuilder::dictionary(const Value::Entry* entries, std::size_t count) {
+Value Value::dictionaryOfParts(const Value* keysAndValues, std::size_t count) {
     checkCount(count);
+    const std::size_t byteCount = count * sizeof(Entry);
     const std::size_t slotCount = slotCountFor(count);
-    const std::size_t itemBytes = count * sizeof(Value::Entry);
-    constexpr auto kind = static_cast<std::uint8_t>(Value::Type::dictionary);
-    Value dictionary(Value::allocate(kind, count, itemBytes + slotCount * sizeof(Slot)));
-    if (count != 0) std::memcpy(static_cast<void*>(dictionary.items()), entries, itemBytes);
-    const std::span<const Value::Entry> copied = dictionary.entries();
+    Value dictionary(
+        allocate(static_cast<std::uint8_t>(Type::dictionary), count, byteCount + slotCount * sizeof(Slot)));
+    if (count != 0) std::memcpy(static_cast<void*>(dictionary.items()), keysAndValues, byteCount);
+    const std::span<const Entry> entries = dictionary.entries();
     dictionary.storage_.containsNull =
-        std::ranges::any_of(copied, [](const Value::Entry& entry) { return entry.value.isNull(); });
+        std::ranges::any_of(entries, [](const Entry& entry) { return entry.value.isNull(); });
     if (slotCount != 0) {
-        auto* const slots = reinterpret_cast<Slot*>(dictionary.items() + 2 * count);
-        std::fill_n(slots, slotCount, Slot{0});
+        const std::span slots(reinterpret_cast<Slot*>(dictionary.items() + 2 * count), slotCount);
+        std::ranges::fill(slots, Slot{0});
         for (std::size_t index = 0; index < count; ++index)
-            slotOfKey(*copied[index].key.string(), {slots, slotCount}, copied.data()) =
-                static_cast<Slot>(index + 1);
+            slotOfKey(*entries[index].key.string(), slots, entries.data()) = static_cast<Slot>(index + 1);
     }
     return dictionary;
+}
+
+void ValueBuilder::grow() {
+    const std::size_t capacity = std::max<std::size_t>(64, 2 * capacity_);
+    Value* const parts = std::allocator<Value>().allocate(capacity);
+    if (size_ != 0) std::memcpy(static_cast<void*>(parts), parts_, size_ * sizeof(Value));
+    if (capacity_ != 0) std::allocator<Value>().deallocate(parts_, capacity_);
+    parts_ = parts;
+    capacity_ = capacity;
 }
 
 Value::Value(std::string_view string) {
@@ -116,7 +125,7 @@ Value::Value(std::shared_ptr<NSObject> object) {
 
 Value Value::array(std::vector<Value> elements) {
     std::erase_if(elements, [](const Value& element) { return element.isNothing(); });
-    Value array = ValueBuilder::array(elements.data(), elements.size());
+    Value array = arrayOfParts(elements.data(), elements.size());
     for (Value& element : elements)
         element.storage_ = {};  // now held by the array
     return array;
@@ -135,7 +144,7 @@ Value Value::dictionary(std::vector<Entry> entries) {
         if (first != index) entries[first].value = std::exchange(entries[index].value, {});
     }
     std::erase_if(entries, [](const Entry& entry) { return entry.value.isNothing(); });
-    Value dictionary = ValueBuilder::dictionary(entries.data(), entries.size());
+    Value dictionary = dictionaryOfParts(reinterpret_cast<const Value*>(entries.data()), entries.size());
     for (auto& [key, value] : entries)
         key.storage_ = value.storage_ = {};  // now held by the dictionary
     return dictionary;

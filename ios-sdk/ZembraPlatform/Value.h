@@ -220,6 +220,11 @@ private:
     void release() noexcept;
     [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount);
     static void destroy(Storage dead) noexcept;
+
+    // Take the parts over as bytes: the caller forgets them without destroying them.
+    [[nodiscard]] static Value arrayOfParts(const Value* elements, std::size_t count);
+    [[nodiscard]] static Value dictionaryOfParts(const Value* keysAndValues, std::size_t count);
+
     [[nodiscard]] Value* items() const noexcept { return reinterpret_cast<Value*>(storage_.contents + 1); }
     [[nodiscard]] const std::shared_ptr<NSObject>& object() const noexcept;
     [[nodiscard]] const Value& elementAt(std::size_t index) const noexcept;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <string_view>
 
 #include <ZembraPlatform/NSString.h>
@@ -148,14 +149,17 @@ private:
         }
     }
 
-    /// YYYY-MM-DDThh:mm:ss[.ffffff]Z
+    /// YYYY-MM-DDThh:mm:ss[.ffffff]Z, with a sign before years that do not lie between 0 and 9999.
     void writeDate(Date date) {
         using namespace std::chrono;
         const auto day = floor<days>(date);
-        const year_month_day calendar(day);
+        constexpr days kCalendarCycle{146'097};  // 400 years; the calendar's own years end at 32,767
+        const auto cycles = floor<days>(date.time_since_epoch()) / kCalendarCycle;
+        const year_month_day calendar(day - cycles * kCalendarCycle);
         const hh_mm_ss<microseconds> time(date - day);
-        const int year = static_cast<int>(calendar.year());
+        const auto year = static_cast<int>(calendar.year()) + 400 * static_cast<int>(cycles);
         if (year < 0) text_ += '-';
+        if (year > 9999) text_ += '+';
         writePadded(static_cast<unsigned>(std::abs(year)), 4);
         text_ += '-';
         writePadded(static_cast<unsigned>(calendar.month()), 2);

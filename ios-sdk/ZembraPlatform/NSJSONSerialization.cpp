@@ -1,0 +1,460 @@
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include <simdjson.h>
+
+#include <ZembraPlatform/KeyHash.h>
+#include <ZembraPlatform/NSJSONSerialization.h>
+#include <ZembraPlatform/NSString.h>
+#include <ZembraPlatform/ValueBuilder.h>
+#include <ZembraPlatform/ValueText.h>
+
+namespace zembra {
+
+extern "C" {
+const char NSJSONSerializationErrorDomain[] = "NSJSONSerializationErrorDomain";
+const char NSJSONSerializationErrorOffsetKey[] = "NSJSONSerializationErrorOffset";
+}
+
+static_assert(NSJSONSerialization::maximumDepth == kMaximumJSONDepth);
+static_assert(NSJSONSerialization::spareCapacity >=
+              simdjson::SIMDJSON_PADDING + std::string_view("[]").size());
+
+namespace {
+
+namespace ondemand = simdjson::ondemand;
+
+/// Why a text was refused, and where.
+struct Fault {
+    NSJSONSerializationErrorCode code = NSJSONSerializationErrorMalformed;
+    const char* reason = "";
+    std::size_t offset = 0;
+    bool isOpenEnd = false;  // the text does not end as an array or a dictionary must
+};
+
+/// The keys of one text: each distinct one is one value. Texts repeat their dictionaries, so a key is first
+/// sought where the last dictionary under the same outer key had it.
+class KeyTable {
+public:
+    using Number = std::uint32_t;
+    static constexpr Number kNone = 0;  // stands for the key around the outermost dictionary
+
+    struct Key {
+        Value string;
+        bool isPlain = false;           // its JSON text is the string itself
+        Number lastSeen = 0;            // the last dictionary, counted by `hasDuplicates`, that has it
+        std::vector<Number> innerKeys;  // those of the last dictionary under this key, in order
+    };
+
+    KeyTable() : keys_(1) {}
+
+    [[nodiscard]] Key& operator[](Number number) { return keys_[number]; }
+
+    /// The number of `string`, which is new or known.
+    [[nodiscard]] Number numberOf(std::string_view string) {
+        if (2 * keys_.size() > slots_.size()) growSlots();
+        Number& slot = slotOf(string);
+        if (slot == kNone) {
+            slot = static_cast<Number>(keys_.size());
+            Key& key = keys_.emplace_back();
+            key.string = string;
+            key.isPlain = string.find_first_of("\"\\") == std::string_view::npos;
+        }
+        return slot;
+    }
+
+    /// Whether any of the keys of one dictionary stands in it more than once.
+    [[nodiscard]] bool hasDuplicates(const Number* numbers, std::size_t count) {
+        ++dictionaries_;
+        bool found = false;
+        for (std::size_t index = 0; index < count; ++index)
+            found |= std::exchange(keys_[numbers[index]].lastSeen, dictionaries_) == dictionaries_;
+        return found;
+    }
+
+private:
+    [[nodiscard]] Number& slotOf(std::string_view string) {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t position = hashOfKey(string) & mask;
+        while (slots_[position] != kNone && keys_[slots_[position]].string.string() != string)
+            position = (position + 1) & mask;
+        return slots_[position];
+    }
+
+    void growSlots() {
+        slots_.assign(std::max<std::size_t>(64, 2 * slots_.size()), kNone);
+        for (Number number = 1; number < keys_.size(); ++number)
+            slotOf(*keys_[number].string.string()) = number;
+    }
+
+    std::vector<Key> keys_;      // number 0 is no key
+    std::vector<Number> slots_;  // open addressing; twice as many as keys at least
+    Number dictionaries_ = 0;
+};
+
+/// Decodes one text. `text` is well padded.
+class Decoder {
+public:
+    Decoder(std::string_view text, std::size_t allocatedSize)
+        : text_(text),
+          allocatedSize_(allocatedSize),
+          unescaped_(new std::uint8_t[text.size() + simdjson::SIMDJSON_PADDING]) {}
+
+    /// What the text stands for, or nothing and then the fault. A bare value comes in brackets.
+    [[nodiscard]] Value decode(bool isBracketed) {
+        if (const auto error = parser_.iterate(text_.data(), text_.size(), allocatedSize_).get(document_)) {
+            fail(error, offsetOfLexicalFault(error));
+            return {};
+        }
+        const bool isDecoded =
+            isBracketed ? decodeBracketed() : decodeContainer(document_, KeyTable::kNone, 0);
+        if (!isDecoded) return {};
+        if (document_.current_location().error() != simdjson::OUT_OF_BOUNDS) {
+            fail(simdjson::TRAILING_CONTENT);
+            return {};
+        }
+        return parts_.pop();
+    }
+
+    [[nodiscard]] const Fault& fault() const { return fault_; }
+
+private:
+    // Each of these pushes one value to `parts_`, or fails and returns false. -------------------------------
+
+    bool decodeBracketed() {
+        ondemand::array array;
+        if (const auto error = document_.get_array().get(array)) return fail(error);
+        std::size_t count = 0;
+        for (auto element : array) {
+            ondemand::value value;
+            if (const auto error = element.get(value)) return fail(error);
+            if (++count > 1) return fail(simdjson::TRAILING_CONTENT);
+            if (!decodeValue(value, KeyTable::kNone, 0)) return false;
+        }
+        return count == 1 || fail(simdjson::EMPTY);
+    }
+
+    /// `outerKey` is the nearest key around `value`, `depth` the number of arrays and dictionaries around it.
+    bool decodeValue(ondemand::value& value, KeyTable::Number outerKey, std::size_t depth) {
+        ondemand::json_type type;
+        if (const auto error = value.type().get(type)) return fail(error);
+        switch (type) {
+            case ondemand::json_type::string:
+                return decodeString(value);
+            case ondemand::json_type::number:
+                return decodeNumber(value);
+            case ondemand::json_type::boolean: {
+                bool boolean = false;
+                if (const auto error = value.get_bool().get(boolean)) return fail(error);
+                parts_.push(boolean);
+                return true;
+            }
+            case ondemand::json_type::null: {
+                bool isNull = false;
+                if (const auto error = value.is_null().get(isNull)) return fail(error);
+                parts_.push(Value::null());
+                return true;
+            }
+            default:
+                return decodeContainer(value, outerKey, depth);
+        }
+    }
+
+    bool decodeString(ondemand::value& value) {
+        ondemand::raw_json_string raw;
+        if (const auto error = value.get_raw_json_string().get(raw)) return fail(error);
+        std::string_view string;
+        if (!unescape(raw, string)) return false;
+        parts_.push(string);
+        return true;
+    }
+
+    bool decodeNumber(ondemand::value& value) {
+        ondemand::number number;
+        if (value.get_number().get(number) != simdjson::SUCCESS) return decodeLongNumber(value);
+        const bool mayBeLong = number.is_double() && value.raw_json_token().size() > kLongestExactNumber;
+        if (mayBeLong) return decodeLongNumber(value);
+        switch (number.get_number_type()) {
+            case ondemand::number_type::signed_integer:
+                parts_.push(number.get_int64());
+                break;
+            case ondemand::number_type::unsigned_integer:
+                parts_.push(number.get_uint64());
+                break;
+            default:
+                parts_.push(number.get_double());
+                break;
+        }
+        return true;
+    }
+
+    /// A whole number beyond 64 bits, which `get_number` refuses, or a fraction that may have more digits
+    /// than simdjson reads rightly. simdjson checks the form, the standard library makes the number.
+    bool decodeLongNumber(ondemand::value& value) {
+        double floating = 0;
+        if (const auto error = value.get_double().get(floating)) return fail(error);
+        const std::string_view token = value.raw_json_token();
+        const auto status = std::from_chars(token.data(), token.data() + token.size(), floating).ec;
+        if (status != std::errc()) {  // too large, or too small and then 0
+            if (std::abs(floating) > 1) return fail(simdjson::NUMBER_OUT_OF_RANGE);
+            floating = 0;
+        }
+        parts_.push(floating);
+        return true;
+    }
+
+    template <typename Source>
+    bool decodeContainer(Source& source, KeyTable::Number outerKey, std::size_t depth) {
+        if (depth == kMaximumJSONDepth) return failTooDeep();
+        ondemand::json_type type;
+        if (const auto error = source.type().get(type)) return fail(error);
+        if (type == ondemand::json_type::array) {
+            ondemand::array array;
+            if (const auto error = source.get_array().get(array)) return fail(error);
+            return decodeArray(array, outerKey, depth);
+        }
+        ondemand::object object;
+        if (const auto error = source.get_object().get(object)) return fail(error);
+        return decodeDictionary(object, outerKey, depth);
+    }
+
+    bool decodeArray(ondemand::array& array, KeyTable::Number outerKey, std::size_t depth) {
+        const std::size_t start = parts_.size();
+        for (auto element : array) {
+            ondemand::value value;
+            if (const auto error = element.get(value)) return fail(error);
+            if (!decodeValue(value, outerKey, depth + 1)) return false;
+        }
+        parts_.makeArray(start);
+        return true;
+    }
+
+    bool decodeDictionary(ondemand::object& object, KeyTable::Number outerKey, std::size_t depth) {
+        const std::size_t start = parts_.size();
+        const std::size_t firstKey = openKeys_.size();
+        std::size_t position = 0;  // among the keys that are expected
+        for (auto element : object) {
+            ondemand::field field;
+            if (const auto error = std::move(element).get(field)) return fail(error);
+            KeyTable::Number key = KeyTable::kNone;
+            if (!decodeKey(field.key(), outerKey, position, key)) return false;
+            openKeys_.push_back(key);
+            parts_.pushCopyOfUnshared(keys_[key].string);
+            if (!decodeValue(field.value(), key, depth + 1)) return false;
+        }
+        if (keys_.hasDuplicates(openKeys_.data() + firstKey, openKeys_.size() - firstKey)) {
+            makeDictionaryWithDuplicates(start);
+        } else {
+            parts_.makeDictionary(start);
+        }
+        openKeys_.resize(firstKey);
+        return true;
+    }
+
+    /// The number of the key `raw`. `position` says where in the expected order it is sought, and moves on.
+    bool decodeKey(ondemand::raw_json_string raw, KeyTable::Number outerKey, std::size_t& position,
+                   KeyTable::Number& key) {
+        std::vector<KeyTable::Number>& expected = keys_[outerKey].innerKeys;
+        const std::size_t end = std::min(expected.size(), position + kExpectedKeysTried);
+        for (std::size_t index = position; index < end; ++index) {
+            if (!stands(keys_[expected[index]], raw)) continue;
+            key = expected[index];
+            position = index + 1;
+            return true;
+        }
+        std::string_view string;
+        if (!unescape(raw, string)) return false;
+        key = keys_.numberOf(string);
+        std::vector<KeyTable::Number>& order = keys_[outerKey].innerKeys;  // they may have moved
+        if (position < order.size()) {
+            order[position] = key;
+        } else if (position < kExpectedKeysKept) {
+            order.push_back(key);
+        }
+        ++position;
+        return true;
+    }
+
+    /// Whether `key` is what stands at `raw`.
+    [[nodiscard]] bool stands(const KeyTable::Key& key, ondemand::raw_json_string raw) const {
+        if (!key.isPlain) return false;
+        const std::string_view string = *key.string.string();
+        const auto rest = static_cast<std::size_t>(text_.data() + text_.size() - raw.raw());
+        return string.size() < rest && raw.raw()[string.size()] == '"' &&
+               std::memcmp(raw.raw(), string.data(), string.size()) == 0;
+    }
+
+    void makeDictionaryWithDuplicates(std::size_t start) {
+        std::vector<Value::Entry> entries;
+        for (std::size_t index = start; index < parts_.size(); index += 2)
+            entries.push_back({std::move(parts_[index]), std::move(parts_[index + 1])});
+        while (parts_.size() > start)
+            (void)parts_.pop();
+        parts_.push(Value::dictionary(std::move(entries)));
+    }
+
+    /// The view lasts until the next call.
+    bool unescape(ondemand::raw_json_string raw, std::string_view& string) {
+        std::uint8_t* end = unescaped_.get();
+        const auto error = parser_.unescape(raw, end).get(string);
+        return error == simdjson::SUCCESS || fail(error, offsetOf(raw.raw()));
+    }
+
+    // Faults ------------------------------------------------------------------------------------------------
+
+    bool failTooDeep() {
+        fault_ = {NSJSONSerializationErrorTooDeep, "more than 512 levels", currentOffset()};
+        return false;
+    }
+
+    bool fail(simdjson::error_code error) { return fail(error, currentOffset()); }
+
+    bool fail(simdjson::error_code error, std::size_t offset) {
+        fault_ = {NSJSONSerializationErrorMalformed, "unexpected text", offset};
+        switch (error) {
+            case simdjson::CAPACITY:
+                fault_ = {NSJSONSerializationErrorTooLarge, "4 GiB or more", 0};
+                break;
+            case simdjson::MEMALLOC:
+                fault_ = {NSJSONSerializationErrorTooLarge, "more than there is memory for", 0};
+                break;
+            case simdjson::UTF8_ERROR:
+                fault_.reason = "not well-formed UTF-8";
+                break;
+            case simdjson::UNESCAPED_CHARS:
+                fault_.reason = "a control character in a string";
+                break;
+            case simdjson::UNCLOSED_STRING:
+                fault_.reason = "a string that does not end";
+                break;
+            case simdjson::STRING_ERROR:
+                fault_.reason = "a string with a wrong escape";
+                break;
+            case simdjson::NUMBER_ERROR:
+            case simdjson::NUMBER_OUT_OF_RANGE:
+                fault_.reason = "no number, or one too large";
+                break;
+            case simdjson::EMPTY:
+                fault_.reason = "no value";
+                break;
+            case simdjson::TRAILING_CONTENT:
+                fault_.reason = "text after the value";
+                break;
+            case simdjson::INCOMPLETE_ARRAY_OR_OBJECT:
+                fault_.reason = "an array or a dictionary that does not end";
+                fault_.isOpenEnd = true;
+                break;
+            default:
+                break;
+        }
+        return false;
+    }
+
+    [[nodiscard]] std::size_t currentOffset() {
+        const char* position = nullptr;
+        const bool isAtEnd = document_.current_location().get(position) != simdjson::SUCCESS;
+        return isAtEnd ? text_.size() : offsetOf(position);
+    }
+
+    [[nodiscard]] std::size_t offsetOf(const char* position) const {
+        return std::min(static_cast<std::size_t>(position - text_.data()), text_.size());
+    }
+
+    /// Where a fault is that was found before any value was looked at.
+    [[nodiscard]] std::size_t offsetOfLexicalFault(simdjson::error_code error) const {
+        std::size_t offset = 0;
+        if (error == simdjson::UTF8_ERROR) {
+            while (const std::size_t length = lengthOfUTF8Character(text_.substr(offset)))
+                offset += length;
+            return offset;
+        }
+        bool isInString = false;
+        for (; offset < text_.size(); ++offset) {
+            const auto byte = static_cast<std::uint8_t>(text_[offset]);
+            if (byte == '"') isInString = !isInString;
+            if (!isInString) continue;
+            if (byte < 0x20 && error == simdjson::UNESCAPED_CHARS) return offset;
+            if (byte == '\\') ++offset;
+        }
+        return text_.size();
+    }
+
+    static constexpr std::size_t kLongestExactNumber = 19;
+    static constexpr std::size_t kExpectedKeysTried = 3;
+    static constexpr std::size_t kExpectedKeysKept = 256;
+
+    const std::string_view text_;
+    const std::size_t allocatedSize_;
+    const std::unique_ptr<std::uint8_t[]> unescaped_;  // one string at a time, none longer than the text
+    ondemand::parser parser_;
+    ondemand::document document_;
+    KeyTable keys_;
+    std::vector<KeyTable::Number> openKeys_;  // those of the dictionaries around the place
+    ValueBuilder parts_;
+    Fault fault_;
+};
+
+Value decodedText(std::string& text, bool isBracketed, Fault& fault) {
+    const std::size_t size = text.size();
+    text.append(simdjson::SIMDJSON_PADDING, ' ');
+    Decoder decoder(std::string_view(text).substr(0, size), text.size());
+    Value value = decoder.decode(isBracketed);
+    fault = decoder.fault();
+    return value;
+}
+
+/// Nothing, with the error that says why.
+Value refused(const Fault& fault, NSErrorPtr* error) {
+    if (error == nullptr) return {};
+    const std::string description = "The text is no JSON that can be read: " + std::string(fault.reason) +
+                                    " at byte " + std::to_string(fault.offset) + ".";
+    *error = NSError::errorWithDomain(NSJSONSerializationErrorDomain, fault.code,
+                                      Value::dictionary({{NSLocalizedDescriptionKey, description},
+                                                         {NSJSONSerializationErrorOffsetKey, fault.offset}}));
+    return {};
+}
+
+}  // namespace
+
+Value NSJSONSerialization::JSONObjectWithData(std::string_view text, NSErrorPtr* error) {
+    std::string copy;
+    copy.reserve(text.size() + spareCapacity);
+    copy = text;
+    return JSONObjectWithData(std::move(copy), error);
+}
+
+// simdjson reads a bare value at the top by other rules (it takes "falsex" for false), so such a value is
+// read as the only element of an array. So is a text without its end, of which simdjson does not say where it
+// fails.
+Value NSJSONSerialization::JSONObjectWithData(std::string&& text, NSErrorPtr* error) {
+    const std::size_t size = text.size();
+    const std::size_t start = text.find_first_not_of(" \t\n\r");
+    const bool isContainer = start != std::string::npos && (text[start] == '[' || text[start] == '{');
+    text.reserve(size + spareCapacity);
+
+    Fault fault;
+    if (isContainer) {
+        Value value = decodedText(text, false, fault);
+        if (!fault.isOpenEnd) return value.isNothing() ? refused(fault, error) : value;
+        text.resize(size);
+    }
+    text.insert(0, 1, '[') += ']';
+    Value value = decodedText(text, true, fault);
+    if (!value.isNothing()) return value;
+    fault.offset = std::min(size, fault.offset - std::min<std::size_t>(fault.offset, 1));
+    return refused(fault, error);
+}
+
+std::string NSJSONSerialization::dataWithJSONObject(const Value& value) {
+    std::string text;
+    appendText(text, value, TextStyle::json);
+    return text;
+}
+
+}  // namespace zembra

@@ -3,12 +3,15 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
+#include <utility>
 
 #include <openssl/ec.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
@@ -32,7 +35,7 @@ void require(bool done, std::string_view what) {
     char reason[256];
     ERR_error_string_n(ERR_get_error(), reason, sizeof reason);
     ERR_clear_error();
-    throw std::runtime_error("Cannot make a certificate: " + std::string(what) + ": " + reason);
+    throw std::runtime_error("Cannot make or use a certificate: " + std::string(what) + ": " + reason);
 }
 
 /// The PEM text that `write` puts into a memory buffer.
@@ -51,6 +54,14 @@ Bio readable(const std::string& text) {
     return bio;
 }
 
+std::pair<X509Certificate, Key> read(const Certificate& certificate) {
+    X509Certificate x509(PEM_read_bio_X509(readable(certificate.pem).get(), nullptr, nullptr, nullptr));
+    require(x509 != nullptr, "PEM certificate");
+    Key key(PEM_read_bio_PrivateKey(readable(certificate.privateKey).get(), nullptr, nullptr, nullptr));
+    require(key != nullptr, "PEM key");
+    return {std::move(x509), std::move(key)};
+}
+
 void addExtension(X509* certificate, X509V3_CTX* context, int kind, const std::string& value) {
     const Extension extension(X509V3_EXT_conf_nid(nullptr, context, kind, value.c_str()));
     require(extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1, value);
@@ -64,12 +75,7 @@ Certificate makeCertificate(const CertificateProfile& profile, const Certificate
 
     X509Certificate issuerCertificate;
     Key issuerKey;
-    if (issuer != nullptr) {
-        issuerCertificate.reset(PEM_read_bio_X509(readable(issuer->pem).get(), nullptr, nullptr, nullptr));
-        issuerKey.reset(
-            PEM_read_bio_PrivateKey(readable(issuer->privateKey).get(), nullptr, nullptr, nullptr));
-        require(issuerCertificate != nullptr && issuerKey != nullptr, "issuer");
-    }
+    if (issuer != nullptr) std::tie(issuerCertificate, issuerKey) = read(*issuer);
 
     const X509Certificate certificate(X509_new());
     require(certificate != nullptr, "certificate");
@@ -113,6 +119,13 @@ Certificate makeCertificate(const CertificateProfile& profile, const Certificate
     return {pemText([&](BIO* bio) { return PEM_write_bio_X509(bio, subject); }), pemText([&](BIO* bio) {
                 return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
             })};
+}
+
+void useCertificate(SSL_CTX& context, const Certificate& certificate) {
+    const auto [x509, key] = read(certificate);
+    require(SSL_CTX_use_certificate(&context, x509.get()) == 1 &&
+                SSL_CTX_use_PrivateKey(&context, key.get()) == 1,
+            "TLS context");
 }
 
 }  // namespace zembra::sandbox

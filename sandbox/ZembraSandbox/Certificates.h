@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+struct ssl_ctx_st;
+
 namespace zembra::sandbox {
 
 /// A certificate and its private key, both PEM text.
@@ -31,5 +33,8 @@ struct CertificateProfile {
 /// Throws `std::runtime_error` where OpenSSL refuses. Internal to the sandbox and the tests; any thread.
 [[nodiscard]] Certificate makeCertificate(const CertificateProfile& profile,
                                           const Certificate* issuer = nullptr);
+
+/// Makes the connections of an OpenSSL context present `certificate`. Throws likewise.
+void useCertificate(ssl_ctx_st& context, const Certificate& certificate);
 
 }  // namespace zembra::sandbox

@@ -1,5 +1,8 @@
 #include "FormBody.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace zembra::sandbox {
 namespace {
 

@@ -115,7 +115,7 @@ Answer PlatformAPI::answer(Exchange& request, const std::string& body) {
         return answer;
     }
     if (path.size() != request.target.size()) {
-        return refusal(400, "invalid_request", "Parameters belong into the body, not into a query.");
+        return refusal(400, "invalid_request", "Parameters belong in the body, not in a query.");
     }
     if (!isForm(request)) {
         return refusal(400, "invalid_request",

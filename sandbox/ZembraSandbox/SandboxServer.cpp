@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <future>
 #include <map>
@@ -17,7 +16,6 @@
 #include <fcntl.h>
 #include <httplib.h>
 #include <netinet/in.h>
-#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -117,21 +115,6 @@ private:
     bool isClosed_ = false;
 };
 
-/// Presents `certificate` on the connections of `context`; false where OpenSSL refuses.
-bool useCertificate(SSL_CTX& context, const Certificate& certificate) {
-    const auto bio = [](const std::string& text) {
-        return std::unique_ptr<BIO, decltype(&BIO_free)>(
-            BIO_new_mem_buf(text.data(), static_cast<int>(text.size())), BIO_free);
-    };
-    const std::unique_ptr<X509, decltype(&X509_free)> x509(
-        PEM_read_bio_X509(bio(certificate.pem).get(), nullptr, nullptr, nullptr), X509_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        PEM_read_bio_PrivateKey(bio(certificate.privateKey).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    return SSL_CTX_set_min_proto_version(&context, TLS1_2_VERSION) == 1 &&
-           SSL_CTX_use_certificate(&context, x509.get()) == 1 &&
-           SSL_CTX_use_PrivateKey(&context, key.get()) == 1;
-}
-
 /// The library's server, with room for more connections that wait to be accepted.
 class HTTPSServer : public httplib::SSLServer {
 public:
@@ -139,13 +122,28 @@ public:
     void extendBacklog() { ::listen(svr_sock_, SOMAXCONN); }
 };
 
-/// Makes the server; the library's constructor ignores SIGPIPE for the whole process, which is undone.
+/// Keeps the process's disposition of SIGPIPE while it lives, one at a time: the library's server ignores
+/// that signal for the whole process when it is made.
+class PipeSignalKeeper {
+public:
+    PipeSignalKeeper() { sigaction(SIGPIPE, nullptr, &disposition_); }
+    ~PipeSignalKeeper() { sigaction(SIGPIPE, &disposition_, nullptr); }
+    PipeSignalKeeper(const PipeSignalKeeper&) = delete;
+    PipeSignalKeeper& operator=(const PipeSignalKeeper&) = delete;
+
+private:
+    static std::mutex& mutex() {
+        static std::mutex instance;
+        return instance;
+    }
+
+    const std::lock_guard<std::mutex> lock_{mutex()};
+    struct sigaction disposition_ {};
+};
+
 std::unique_ptr<HTTPSServer> makeHTTPSServer(const std::function<bool(SSL_CTX&)>& setUp) {
-    struct sigaction before;
-    sigaction(SIGPIPE, nullptr, &before);
-    auto server = std::make_unique<HTTPSServer>(setUp);
-    sigaction(SIGPIPE, &before, nullptr);
-    return server;
+    const PipeSignalKeeper keeper;
+    return std::make_unique<HTTPSServer>(setUp);
 }
 
 /// The headers of a request without those that the library adds.
@@ -181,12 +179,12 @@ public:
           authority_(makeCertificate({.commonName = "Sandbox certificate authority", .isAuthority = true})),
           https_(makeHTTPSServer([this](SSL_CTX& context) {
               connections_.watch(context);
-              return useCertificate(context,
-                                    makeCertificate({.commonName = "Sandbox server",
-                                                     .alternativeNames = {"DNS:localhost", "IP:127.0.0.1"}},
-                                                    &authority_));
+              useCertificate(context, makeCertificate({.commonName = "Sandbox server",
+                                                       .alternativeNames = {"DNS:localhost", "IP:127.0.0.1"}},
+                                                      &authority_));
+              return SSL_CTX_set_min_proto_version(&context, TLS1_2_VERSION) == 1;
           })) {
-        if (!https_->is_valid()) throw std::runtime_error("The server cannot use its certificate.");
+        if (!https_->is_valid()) throw std::runtime_error("There is no TLS 1.2 or later.");
         configure();
         bind(options.port);
         listen();
@@ -262,8 +260,10 @@ private:
         https_->set_error_handler([this](const httplib::Request& request, httplib::Response& response) {
             if (!response.body.empty()) return;  // It is an answer of the API.
             currentConnection.closesAfterAnswer = true;
-            give(refusal(response.status, "invalid_request", "The request is not well-formed or too large."),
-                 exchangeOf(request), response);
+            const std::string_view message = response.status == 413  ? "The body is too large."
+                                             : response.status < 500 ? "The request is not well-formed HTTP."
+                                                                     : "The sandbox has failed.";
+            give(refusal(response.status, "invalid_request", message), exchangeOf(request), response);
         });
         https_->set_logger([](const httplib::Request&, const httplib::Response&) {  // The answer is out.
             if (!currentConnection.closesAfterAnswer) return;

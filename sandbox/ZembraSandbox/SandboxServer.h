@@ -46,7 +46,7 @@ struct SandboxOptions {
     std::uint16_t port = 0;  ///< 0 takes a free one.
 
     /// Gets each exchange once it is in the log, before the answer goes out: on the server's threads, one
-    /// call at a time. It must not stop the server.
+    /// call at a time. It must neither stop the server nor throw.
     std::function<void(const Exchange&)> onExchange = nullptr;
 };
 

@@ -166,7 +166,7 @@ TEST_F(SandboxServerTest, RefusesWhatIsNotExactlyRight) {
         {"app/token", good, 405, "POST only", "GET"},
         {"app/token", good, 405, "POST only", "PUT"},
         {"app/members/token", "", 405, "POST only", "DELETE"},
-        {"app/token", good, 400, "not well-formed", "FETCH"},
+        {"app/token", good, 400, "not well-formed HTTP", "FETCH"},
         {"app/token?client_id=a", good, 400, "query"},
         {"app/token", good, 400, "content type", "POST", {"Content-Type: application/json"}},
         {"app/token", good, 400, "content type", "POST", {"Content-Type:"}},

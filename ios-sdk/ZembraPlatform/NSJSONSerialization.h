@@ -27,7 +27,8 @@ extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorOffsetKey[];
 /// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a
 /// key that stands twice in a dictionary the last value counts; zero characters inside strings are kept;
 /// whole numbers beyond 64 bits become floating. Refused: what is not well-formed UTF-8, a byte order mark,
-/// lone surrogates, numbers beyond a `double`'s range, text after the value, more than `maximumDepth` levels.
+/// lone surrogates, numbers beyond a `double`'s range or with an exponent of more than 18 digits, text after
+/// the value, more than `maximumDepth` levels.
 class ZEMBRA_EXPORT NSJSONSerialization {
 public:
     static constexpr std::size_t maximumDepth = 512;

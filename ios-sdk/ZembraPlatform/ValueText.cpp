@@ -152,11 +152,13 @@ private:
     /// YYYY-MM-DDThh:mm:ss[.ffffff]Z, with a sign before years that do not lie between 0 and 9999.
     void writeDate(Date date) {
         using namespace std::chrono;
-        const auto day = floor<days>(date);
         constexpr days kCalendarCycle{146'097};  // 400 years; the calendar's own years end at 32,767
-        const auto cycles = floor<days>(date.time_since_epoch()) / kCalendarCycle;
-        const year_month_day calendar(day - cycles * kCalendarCycle);
-        const hh_mm_ss<microseconds> time(date - day);
+        days day = duration_cast<days>(date.time_since_epoch());
+        microseconds timeOfDay = date.time_since_epoch() - day;
+        if (timeOfDay < microseconds::zero()) day -= days(1), timeOfDay += days(1);
+        const auto cycles = day / kCalendarCycle;
+        const year_month_day calendar{sys_days(day % kCalendarCycle)};
+        const hh_mm_ss<microseconds> time(timeOfDay);
         const auto year = static_cast<int>(calendar.year()) + 400 * static_cast<int>(cycles);
         if (year < 0) text_ += '-';
         if (year > 9999) text_ += '+';

@@ -4,6 +4,7 @@
 
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
+#include <ZembraCoreSDK/QVDataObject.h>
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
 #include <ZembraCoreSDK/ZMBApplication.h>
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>

@@ -1,0 +1,9 @@
+#include "Branch.h"
+
+std::shared_ptr<zembra::NSObject> branchMadeInLibrary(zembra::Value json) {
+    return Branch::objectWithJSON(std::move(json));
+}
+
+const zembra::Class& branchClassInLibrary() {
+    return Branch::staticClass();
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <memory>
+
+#include <ZembraCoreSDK/QVDataObject.h>
+
+/// A model class in a shared library of its own. Nothing of it is exported: whoever includes this header has
+/// code and a description of the class of his own.
+class Branch : public zembra::QVDataObject {
+    ZMB_DATA_OBJECT(Branch, zembra::QVDataObject)
+
+public:
+    ZMB_PROPERTY(zembra::NSString, streetName);
+    ZMB_PROPERTY(Branch, nextBranch);
+};
+
+/// In the library.
+ZEMBRA_EXPORT std::shared_ptr<zembra::NSObject> branchMadeInLibrary(zembra::Value json);
+ZEMBRA_EXPORT const zembra::Class& branchClassInLibrary();

@@ -50,8 +50,9 @@ private:
     const NSURL originalURL_;
 };
 
-/// What a client's requests are built from: the timeout and the default header fields. Each call is atomic,
-/// so threads may overlap; a sequence of calls is not.
+/// What a client's requests are built from: the timeout and the default header fields. From the start there
+/// is one such field, "User-Agent", of the host's name and version (from the main bundle) and the system.
+/// Each call is atomic, so threads may overlap; a sequence of calls is not.
 class ZEMBRA_EXPORT AFHTTPRequestSerializer : public NSObject {
 public:
     AFHTTPRequestSerializer();
@@ -72,6 +73,11 @@ public:
 
     /// All default header fields.
     [[nodiscard]] virtual NSHTTPURLResponse::HeaderFields HTTPRequestHeaders() const;
+
+    /// The body of a request with `parameters`: the entries of a dictionary in their order, names and values
+    /// (each as its text) percent-encoded byte by byte except for the unreserved characters of RFC 3986, so
+    /// that any bytes arrive intact. Anything but a dictionary makes an empty body.
+    [[nodiscard]] static std::string formWithParameters(const Value& parameters);
 
 private:
     struct State;

@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -38,8 +40,40 @@ struct Fault {
     bool isOpenEnd = false;  // the text does not end as an array or a dictionary must
 };
 
-/// The keys of one text: each distinct one is one value. Texts repeat their dictionaries, so a key is first
-/// sought where the last dictionary under the same outer key had it.
+/// The first bytes of a string's JSON text, without its opening quotation mark, for comparing them at once.
+struct Head {
+    std::uint64_t words[2];
+
+    static Head load(const char* text) {
+        Head head;
+        std::memcpy(head.words, text, sizeof(head.words));
+        return head;
+    }
+
+    /// Ones for the bytes up to the first quotation mark, that included (later bytes may be there as well).
+    [[nodiscard]] Head mask() const {
+        const auto maskOf = [](std::uint64_t word) {
+            constexpr std::uint64_t kOnes = 0x0101'0101'0101'0101;
+            const std::uint64_t zeros = word ^ ('"' * kOnes);
+            const std::uint64_t marks = (zeros - kOnes) & ~zeros & (0x80 * kOnes);
+            return marks ^ (marks - 1);
+        };
+        const std::uint64_t first = maskOf(words[0]);
+        return {first, first == ~std::uint64_t{0} ? maskOf(words[1]) : 0};
+    }
+
+    [[nodiscard]] Head operator&(const Head& mask) const {
+        return {words[0] & mask.words[0], words[1] & mask.words[1]};
+    }
+
+    bool operator==(const Head&) const = default;
+};
+
+/// The keys of one text: each distinct one is one value.
+///
+/// Keys are looked for in the text as it stands, before they are unescaped: first where the dictionary before
+/// had them, then by a cache of the latest ones. Only then are they unescaped and looked up by their hash,
+/// which is keyed: whoever chooses the keys can make the cache useless, and no more.
 class KeyTable {
 public:
     using Number = std::uint32_t;
@@ -47,26 +81,44 @@ public:
 
     struct Key {
         Value string;
-        bool isPlain = false;           // its JSON text is the string itself
+        Head head = {~std::uint64_t{0}, 0};      // that of its JSON text; if it must be escaped,
+        Head headMask = {~std::uint64_t{0}, 0};  // one that no UTF-8 text has
         Number lastSeen = 0;            // the last dictionary, counted by `hasDuplicates`, that has it
         std::vector<Number> innerKeys;  // those of the last dictionary under this key, in order
     };
 
-    KeyTable() : keys_(1) {}
+    /// All texts handed in end at `end` and are padded.
+    explicit KeyTable(const char* end) : end_(end), keys_(1) {}
 
     [[nodiscard]] Key& operator[](Number number) { return keys_[number]; }
 
-    /// The number of `string`, which is new or known.
-    [[nodiscard]] Number numberOf(std::string_view string) {
+    /// Whether a key's JSON text is what stands at `text`, behind the quotation mark.
+    [[nodiscard]] bool stands(Number number, const char* text) const {
+        const Key& key = keys_[number];
+        if ((Head::load(text) & key.headMask) != key.head) return false;
+        const std::string_view string = *key.string.string();
+        if (string.size() < sizeof(Head)) return true;  // the closing quotation mark was compared, too
+        return string.size() < static_cast<std::size_t>(end_ - text) && text[string.size()] == '"' &&
+               std::memcmp(text, string.data(), string.size()) == 0;
+    }
+
+    /// The number of the key whose JSON text stands at `text`, or `kNone` if it is not one of the latest.
+    [[nodiscard]] Number latest(const char* text) {
+        const Number number = latest_[latestIndexOf(text)];
+        return number != kNone && stands(number, text) ? number : kNone;
+    }
+
+    /// The number of the key `string`, which stands at `text` and is new or known.
+    [[nodiscard]] Number numberOf(std::string_view string, const char* text) {
         if (2 * keys_.size() > slots_.size()) growSlots();
         Number& slot = slotOf(string);
         if (slot == kNone) {
             slot = static_cast<Number>(keys_.size());
             Key& key = keys_.emplace_back();
             key.string = string;
-            key.isPlain = string.find_first_of("\"\\") == std::string_view::npos;
+            if (string.find_first_of("\"\\") == std::string_view::npos) setHead(key, string);
         }
-        return slot;
+        return latest_[latestIndexOf(text)] = slot;
     }
 
     /// Whether any of the keys of one dictionary stands in it more than once.
@@ -79,6 +131,22 @@ public:
     }
 
 private:
+    static void setHead(Key& key, std::string_view string) {
+        char text[sizeof(Head)] = {};
+        char mask[sizeof(Head)] = {};
+        const std::size_t length = string.copy(text, sizeof(text));
+        if (length < sizeof(text)) text[length] = '"';
+        std::memset(mask, 0xFF, std::min(length + 1, sizeof(mask)));
+        key.head = Head::load(text);
+        key.headMask = Head::load(mask);
+    }
+
+    static std::size_t latestIndexOf(const char* text) {
+        const Head loaded = Head::load(text);
+        const Head head = loaded & loaded.mask();
+        return ((head.words[0] ^ std::rotl(head.words[1], 29)) * 0x9E37'79B9'7F4A'7C15) >> 56;
+    }
+
     [[nodiscard]] Number& slotOf(std::string_view string) {
         const std::size_t mask = slots_.size() - 1;
         std::size_t position = hashOfKey(string) & mask;
@@ -93,8 +161,10 @@ private:
             slotOf(*keys_[number].string.string()) = number;
     }
 
+    const char* const end_;
     std::vector<Key> keys_;      // number 0 is no key
     std::vector<Number> slots_;  // open addressing; twice as many as keys at least
+    std::array<Number, 256> latest_{};
     Number dictionaries_ = 0;
 };
 
@@ -104,7 +174,8 @@ public:
     Decoder(std::string_view text, std::size_t allocatedSize)
         : text_(text),
           allocatedSize_(allocatedSize),
-          unescaped_(new std::uint8_t[text.size() + simdjson::SIMDJSON_PADDING]) {}
+          unescaped_(new std::uint8_t[text.size() + simdjson::SIMDJSON_PADDING]),
+          keys_(text.data() + text.size()) {}
 
     /// What the text stands for, or nothing and then the fault. A bare value comes in brackets.
     [[nodiscard]] Value decode(bool isBracketed) {
@@ -132,8 +203,8 @@ private:
         if (const auto error = document_.get_array().get(array)) return fail(error);
         std::size_t count = 0;
         for (auto element : array) {
-            ondemand::value value;
-            if (const auto error = element.get(value)) return fail(error);
+            if (element.error() != simdjson::SUCCESS) return fail(element.error());
+            auto&& value = std::move(element).value_unsafe();  // read where it is: copying it stalls
             if (++count > 1) return fail(simdjson::TRAILING_CONTENT);
             if (!decodeValue(value, KeyTable::kNone, 0)) return false;
         }
@@ -227,8 +298,8 @@ private:
     bool decodeArray(ondemand::array& array, KeyTable::Number outerKey, std::size_t depth) {
         const std::size_t start = parts_.size();
         for (auto element : array) {
-            ondemand::value value;
-            if (const auto error = element.get(value)) return fail(error);
+            if (element.error() != simdjson::SUCCESS) return fail(element.error());
+            auto&& value = std::move(element).value_unsafe();  // read where it is: copying it stalls
             if (!decodeValue(value, outerKey, depth + 1)) return false;
         }
         parts_.makeArray(start);
@@ -240,8 +311,8 @@ private:
         const std::size_t firstKey = openKeys_.size();
         std::size_t position = 0;  // among the keys that are expected
         for (auto element : object) {
-            ondemand::field field;
-            if (const auto error = std::move(element).get(field)) return fail(error);
+            if (element.error() != simdjson::SUCCESS) return fail(element.error());
+            auto&& field = std::move(element).value_unsafe();
             KeyTable::Number key = KeyTable::kNone;
             if (!decodeKey(field.key(), outerKey, position, key)) return false;
             openKeys_.push_back(key);
@@ -260,34 +331,36 @@ private:
     /// The number of the key `raw`. `position` says where in the expected order it is sought, and moves on.
     bool decodeKey(ondemand::raw_json_string raw, KeyTable::Number outerKey, std::size_t& position,
                    KeyTable::Number& key) {
-        std::vector<KeyTable::Number>& expected = keys_[outerKey].innerKeys;
-        const std::size_t end = std::min(expected.size(), position + kExpectedKeysTried);
-        for (std::size_t index = position; index < end; ++index) {
-            if (!stands(keys_[expected[index]], raw)) continue;
-            key = expected[index];
-            position = index + 1;
+        const std::vector<KeyTable::Number>& expected = keys_[outerKey].innerKeys;
+        if (position < expected.size() && keys_.stands(expected[position], raw.raw())) {
+            key = expected[position++];
             return true;
         }
-        std::string_view string;
-        if (!unescape(raw, string)) return false;
-        key = keys_.numberOf(string);
-        std::vector<KeyTable::Number>& order = keys_[outerKey].innerKeys;  // they may have moved
-        if (position < order.size()) {
-            order[position] = key;
-        } else if (position < kExpectedKeysKept) {
-            order.push_back(key);
+        key = keys_.latest(raw.raw());
+        if (key == KeyTable::kNone) {
+            std::string_view string;
+            if (!unescape(raw, string)) return false;
+            key = keys_.numberOf(string, raw.raw());
         }
-        ++position;
+        expectNext(key, keys_[outerKey].innerKeys, position);
         return true;
     }
 
-    /// Whether `key` is what stands at `raw`.
-    [[nodiscard]] bool stands(const KeyTable::Key& key, ondemand::raw_json_string raw) const {
-        if (!key.isPlain) return false;
-        const std::string_view string = *key.string.string();
-        const auto rest = static_cast<std::size_t>(text_.data() + text_.size() - raw.raw());
-        return string.size() < rest && raw.raw()[string.size()] == '"' &&
-               std::memcmp(raw.raw(), string.data(), string.size()) == 0;
+    /// Makes `order` ready for the keys that follow `key`, which came instead of the one at `position`.
+    static void expectNext(KeyTable::Number key, std::vector<KeyTable::Number>& order,
+                           std::size_t& position) {
+        const std::size_t end = std::min(order.size(), position + kKeysSkipped);
+        for (std::size_t index = position; index < end; ++index) {
+            if (order[index] != key) continue;
+            position = index + 1;
+            return;
+        }
+        if (position < order.size()) {
+            order[position] = key;
+        } else if (position < kExpectedKeys) {
+            order.push_back(key);
+        }
+        ++position;
     }
 
     void makeDictionaryWithDuplicates(std::size_t start) {
@@ -386,8 +459,8 @@ private:
     }
 
     static constexpr std::size_t kLongestExactNumber = 19;
-    static constexpr std::size_t kExpectedKeysTried = 3;
-    static constexpr std::size_t kExpectedKeysKept = 256;
+    static constexpr std::size_t kKeysSkipped = 8;
+    static constexpr std::size_t kExpectedKeys = 256;
 
     const std::string_view text_;
     const std::size_t allocatedSize_;
@@ -432,7 +505,8 @@ Value NSJSONSerialization::JSONObjectWithData(std::string_view text, NSErrorPtr*
 // simdjson reads a bare value at the top by other rules (it takes "falsex" for false), so such a value is
 // read as the only element of an array. So is a text without its end, of which simdjson does not say where it
 // fails.
-Value NSJSONSerialization::JSONObjectWithData(std::string&& text, NSErrorPtr* error) {
+Value NSJSONSerialization::JSONObjectWithData(std::string&& given, NSErrorPtr* error) {
+    std::string text = std::move(given);
     const std::size_t size = text.size();
     const std::size_t start = text.find_first_not_of(" \t\n\r");
     const bool isContainer = start != std::string::npos && (text[start] == '[' || text[start] == '{');

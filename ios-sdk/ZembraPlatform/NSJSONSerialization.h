@@ -41,8 +41,8 @@ public:
     /// The value that `text` stands for, or nothing; then `*error` (if given) says what is wrong and where.
     [[nodiscard]] static Value JSONObjectWithData(std::string_view text, NSErrorPtr* error = nullptr);
 
-    /// The same for a text that the caller gives away: it is read in place where it has `spareCapacity`, and
-    /// is left in an unspecified state.
+    /// The same for a text that the caller gives away: its memory is freed before this returns. Where it has
+    /// `spareCapacity`, it is read in place, without a copy.
     [[nodiscard]] static Value JSONObjectWithData(std::string&& text, NSErrorPtr* error = nullptr);
     [[nodiscard]] static Value JSONObjectWithData(const char* text, NSErrorPtr* error = nullptr) {
         return JSONObjectWithData(std::string_view(text), error);

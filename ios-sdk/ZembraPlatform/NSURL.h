@@ -26,6 +26,7 @@ enum NSURLErrorCode : NSInteger {
     NSURLErrorCannotConnectToHost = -1004,
     NSURLErrorNetworkConnectionLost = -1005,
     NSURLErrorBadServerResponse = -1011,
+    NSURLErrorCannotDecodeContentData = -1016,
     NSURLErrorDataLengthExceedsMaximum = -1103,
     NSURLErrorSecureConnectionFailed = -1200,
     NSURLErrorServerCertificateHasBadDate = -1201,

@@ -21,7 +21,7 @@ constexpr Value kNothing{};
 
 // A dictionary of more entries than this has an index behind its entries: a hash table with open addressing
 // and at least twice as many slots as entries. A slot holds the number of an entry, from 1, or 0.
-constexpr std::size_t kMaximumCount = 0x7FFF'FFFF;
+constexpr std::size_t kMaximumCount = UINT32_MAX;
 constexpr std::size_t kLinearSearchLimit = 16;
 using Slot = std::uint32_t;
 
@@ -112,7 +112,7 @@ Value::Value(std::string_view string) {
         storage_.kind = static_cast<std::uint8_t>(Type::string);
         return;
     }
-    if (string.size() > UINT32_MAX) throw std::length_error("a string too long for a zembra::Value");
+    if (string.size() > kMaximumCount) throw std::length_error("a string too long for a zembra::Value");
     storage_ = allocate(kLongString, string.size(), string.size());
     string.copy(reinterpret_cast<char*>(storage_.contents + 1), string.size());
 }

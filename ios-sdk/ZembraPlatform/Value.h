@@ -41,7 +41,7 @@ concept WholeNumber = std::integral<T> && !std::same_as<T, bool> && sizeof(T) <=
 /// of number.
 ///
 /// Values may be nested to any depth: none of the operations here uses stack in proportion to it. A string
-/// has fewer than 2^32 bytes, an array or a dictionary fewer than 2^31 items: what would make a larger one
+/// has fewer than 2^32 bytes, an array or a dictionary fewer than 2^32 items: what would make a larger one
 /// throws `std::length_error`.
 class ZEMBRA_EXPORT Value {
 public:

@@ -256,6 +256,18 @@ TEST(NSJSONSerializationTests, DictionariesOfAnyOrderAndSizeKeepTheirKeys) {
     }
     EXPECT_EQ(decoded(text), Value::array(std::move(expected)));
 
+    // Keys that a comparison of their first bytes could confuse.
+    text = "[";
+    expected.clear();
+    for (const char last : {'a', 'b', 'a', 'c'}) {
+        for (std::size_t length = 0; length < 40; ++length) {
+            const std::string key = std::string(length, 'k') + last;
+            text += (text.size() == 1 ? "{\"" : ",{\"") + key + "\":1,\"" + key + key + "\":2}";
+            expected.push_back(Value::dictionary({{key, 1}, {key + key, 2}}));
+        }
+    }
+    EXPECT_EQ(decoded(text + "]"), Value::array(std::move(expected)));
+
     text = "{";
     for (int number = 0; number < 100'000; ++number)
         text += "\"a key, number " + std::to_string(number % 90'000) + "\":" + std::to_string(number) + ",";

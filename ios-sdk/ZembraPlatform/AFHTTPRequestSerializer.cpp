@@ -1,0 +1,109 @@
+#include <algorithm>
+#include <cerrno>
+#include <mutex>
+#include <utility>
+
+#include <sys/utsname.h>
+
+#include <ZembraPlatform/AFHTTPSessionManager.h>
+#include <ZembraPlatform/NSBundle.h>
+
+namespace zembra {
+
+namespace {
+
+constexpr NSTimeInterval kDefaultTimeout{60};
+
+bool isUnreserved(char c) noexcept {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '.' || c == '_' || c == '~';
+}
+
+void appendPercentEncoded(std::string& text, std::string_view bytes) {
+    static constexpr char kDigits[] = "0123456789ABCDEF";
+    while (!bytes.empty()) {
+        const auto reserved = std::ranges::find_if_not(bytes, isUnreserved);
+        text.append(bytes.begin(), reserved);
+        bytes.remove_prefix(static_cast<std::size_t>(reserved - bytes.begin()));
+        if (bytes.empty()) return;
+        const auto byte = static_cast<unsigned char>(bytes.front());
+        text += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};
+        bytes.remove_prefix(1);
+    }
+}
+
+/// The host's name and version and the system: "Trail Map/2.1.0 (Linux 6.1.0; x86_64)". What a header cannot
+/// carry becomes an underscore.
+std::string defaultUserAgent() {
+    const auto bundle = NSBundle::mainBundle();
+    std::string agent = bundle->objectForInfoDictionaryKey("CFBundleName").text();
+    if (agent.empty()) agent = ::program_invocation_short_name;
+    std::string version = bundle->objectForInfoDictionaryKey("CFBundleShortVersionString").text();
+    if (version.empty()) version = bundle->objectForInfoDictionaryKey("CFBundleVersion").text();
+    if (!version.empty()) agent += '/' + version;
+    if (utsname system{}; ::uname(&system) == 0) {
+        agent += std::string(" (") + system.sysname + ' ' + system.release + "; " + system.machine + ')';
+    }
+    for (char& c : agent) {
+        if (c < ' ' || c > '~') c = '_';
+    }
+    return agent;
+}
+
+}  // namespace
+
+struct AFHTTPRequestSerializer::State {
+    mutable std::mutex mutex;
+    NSTimeInterval timeoutInterval = kDefaultTimeout;
+    NSHTTPURLResponse::HeaderFields fields;
+};
+
+AFHTTPRequestSerializer::AFHTTPRequestSerializer() : state_(std::make_unique<State>()) {
+    state_->fields.emplace("User-Agent", defaultUserAgent());
+}
+
+AFHTTPRequestSerializer::~AFHTTPRequestSerializer() = default;
+
+void AFHTTPRequestSerializer::setTimeoutInterval(NSTimeInterval interval) {
+    const std::lock_guard lock(state_->mutex);
+    state_->timeoutInterval = interval;
+}
+
+NSTimeInterval AFHTTPRequestSerializer::timeoutInterval() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->timeoutInterval;
+}
+
+void AFHTTPRequestSerializer::setValue(std::optional<std::string> value, std::string_view field) {
+    const std::lock_guard lock(state_->mutex);
+    if (value) {
+        state_->fields.insert_or_assign(std::string(field), std::move(*value));
+    } else if (const auto found = state_->fields.find(field); found != state_->fields.end()) {
+        state_->fields.erase(found);
+    }
+}
+
+std::optional<std::string> AFHTTPRequestSerializer::valueForHTTPHeaderField(std::string_view field) const {
+    const std::lock_guard lock(state_->mutex);
+    const auto found = state_->fields.find(field);
+    if (found == state_->fields.end()) return std::nullopt;
+    return found->second;
+}
+
+NSHTTPURLResponse::HeaderFields AFHTTPRequestSerializer::HTTPRequestHeaders() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->fields;
+}
+
+std::string AFHTTPRequestSerializer::formWithParameters(const Value& parameters) {
+    std::string form;
+    for (const auto& [key, value] : parameters.entries()) {
+        if (!form.empty()) form += '&';
+        appendPercentEncoded(form, key.text());
+        form += '=';
+        appendPercentEncoded(form, value.text());
+    }
+    return form;
+}
+
+}  // namespace zembra

@@ -1,0 +1,87 @@
+#include <algorithm>
+#include <mutex>
+#include <utility>
+
+#include <ZembraPlatform/AFHTTPSessionManager.h>
+#include <ZembraPlatform/NSJSONSerialization.h>
+
+namespace zembra {
+
+namespace {
+
+constexpr std::string_view kBlanks = " \t";
+
+/// A content type without its parameters: "text/html" of "text/html; charset=utf-8".
+std::string_view withoutParameters(std::string_view contentType) noexcept {
+    contentType = contentType.substr(0, contentType.find(';'));
+    contentType.remove_prefix(std::min(contentType.find_first_not_of(kBlanks), contentType.size()));
+    return contentType.substr(0, contentType.find_last_not_of(kBlanks) + 1);
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+    const NSHTTPURLResponse::FieldNameLess less;
+    return !less(a, b) && !less(b, a);
+}
+
+NSErrorPtr refusal(AFHTTPSessionErrorCode code, const std::shared_ptr<NSHTTPURLResponse>& response,
+                   std::string text) {
+    return NSError::errorWithDomain(
+        AFHTTPSessionErrorDomain, code,
+        Value::dictionary({{NSLocalizedDescriptionKey, text},
+                           {AFNetworkingOperationFailingURLResponseErrorKey, Value(response)}}));
+}
+
+}  // namespace
+
+struct AFHTTPResponseSerializer::State {
+    mutable std::mutex mutex;
+    std::set<std::string> acceptableContentTypes = {"application/json", "text/json", "text/javascript"};
+};
+
+AFHTTPResponseSerializer::AFHTTPResponseSerializer() : state_(std::make_unique<State>()) {}
+AFHTTPResponseSerializer::~AFHTTPResponseSerializer() = default;
+
+void AFHTTPResponseSerializer::setAcceptableContentTypes(std::set<std::string> types) {
+    const std::lock_guard lock(state_->mutex);
+    state_->acceptableContentTypes = std::move(types);
+}
+
+std::set<std::string> AFHTTPResponseSerializer::acceptableContentTypes() const {
+    const std::lock_guard lock(state_->mutex);
+    return state_->acceptableContentTypes;
+}
+
+Value AFHTTPResponseSerializer::responseObjectForResponse(const std::shared_ptr<NSHTTPURLResponse>& response,
+                                                          std::string body, NSErrorPtr* error) const {
+    const NSInteger status = response->statusCode();
+    if (status < 200 || status > 299) {
+        *error = refusal(AFHTTPSessionErrorUnacceptableStatus, response,
+                         "The server answered with status " + std::to_string(status) + ".");
+        return {};
+    }
+
+    const auto& fields = response->allHeaderFields();
+    const auto field = fields.find("Content-Type");
+    const std::string_view type = field == fields.end() ? "" : withoutParameters(field->second);
+    const auto matches = [type](std::string_view acceptable) { return equalsIgnoringCase(type, acceptable); };
+    if ((!type.empty() || !body.empty()) && std::ranges::none_of(acceptableContentTypes(), matches)) {
+        *error = refusal(AFHTTPSessionErrorUnacceptableContentType, response,
+                         type.empty() ? "The server's answer states no content type."
+                                      : "The content type of the server's answer is not an acceptable one.");
+        return {};
+    }
+
+    if (body.empty()) return {};
+    NSErrorPtr decoderError;
+    Value object = NSJSONSerialization::JSONObjectWithData(std::move(body), &decoderError);
+    if (decoderError) {
+        *error = NSError::errorWithDomain(
+            AFHTTPSessionErrorDomain, AFHTTPSessionErrorCannotDecodeBody,
+            Value::dictionary({{NSLocalizedDescriptionKey, "The body of the server's answer is not JSON."},
+                               {NSUnderlyingErrorKey, Value(decoderError)}}));
+        return {};
+    }
+    return object;
+}
+
+}  // namespace zembra

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include <ZembraPlatform/AFHTTPSessionManager.h>
+
+namespace zembra::test {
+
+/// What became of one request.
+struct Outcome {
+    int callbacks = 0;
+    Value object;
+    NSErrorPtr error;
+
+    [[nodiscard]] bool isSuccess() const noexcept { return callbacks == 1 && !error; }
+    [[nodiscard]] bool isFailure(std::string_view domain, NSInteger code) const {
+        return callbacks == 1 && error && error->domain() == domain && error->code() == code;
+    }
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
+    stream << outcome.callbacks << " callbacks, ";
+    return outcome.error ? stream << *outcome.error : stream << outcome.object;
+}
+
+using OutcomePtr = std::shared_ptr<Outcome>;
+
+/// Starts a request; the outcome fills as the main queue is drained.
+OutcomePtr startPOST(AFHTTPSessionManager& client, std::string_view path = "token",
+                     const Value& parameters = {});
+
+/// Drains the main queue until the request has its outcome (or half a minute has gone by).
+const Outcome& await(const OutcomePtr& outcome);
+
+/// Both.
+Outcome performPOST(AFHTTPSessionManager& client, std::string_view path = "token",
+                    const Value& parameters = {});
+
+}  // namespace zembra::test

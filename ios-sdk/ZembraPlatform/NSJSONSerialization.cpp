@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,8 @@ namespace {
 
 namespace ondemand = simdjson::ondemand;
 
+constexpr std::size_t kMaximumSize = simdjson::SIMDJSON_MAXSIZE_BYTES - NSJSONSerialization::spareCapacity;
+
 /// Why a text was refused, and where.
 struct Fault {
     NSJSONSerializationErrorCode code = NSJSONSerializationErrorMalformed;
@@ -39,6 +42,8 @@ struct Fault {
     std::size_t offset = 0;
     bool isOpenEnd = false;  // the text does not end as an array or a dictionary must
 };
+
+constexpr Fault kTooLarge = {NSJSONSerializationErrorTooLarge, "4 GiB or more", kMaximumSize};
 
 /// The first bytes of a string's JSON text, without its opening quotation mark, for comparing them at once.
 struct Head {
@@ -391,12 +396,8 @@ private:
     bool fail(simdjson::error_code error, std::size_t offset) {
         fault_ = {NSJSONSerializationErrorMalformed, "unexpected text", offset};
         switch (error) {
-            case simdjson::CAPACITY:
-                fault_ = {NSJSONSerializationErrorTooLarge, "4 GiB or more", 0};
-                break;
             case simdjson::MEMALLOC:
-                fault_ = {NSJSONSerializationErrorTooLarge, "more than there is memory for", 0};
-                break;
+                throw std::bad_alloc();
             case simdjson::UTF8_ERROR:
                 fault_.reason = "not well-formed UTF-8";
                 break;
@@ -496,6 +497,7 @@ Value refused(const Fault& fault, NSErrorPtr* error) {
 }  // namespace
 
 Value NSJSONSerialization::JSONObjectWithData(std::string_view text, NSErrorPtr* error) {
+    if (text.size() > kMaximumSize) return refused(kTooLarge, error);
     std::string copy;
     copy.reserve(text.size() + spareCapacity);
     copy = text;
@@ -506,6 +508,7 @@ Value NSJSONSerialization::JSONObjectWithData(std::string_view text, NSErrorPtr*
 // read as the only element of an array. So is a text without its end, of which simdjson does not say where it
 // fails.
 Value NSJSONSerialization::JSONObjectWithData(std::string&& given, NSErrorPtr* error) {
+    if (given.size() > kMaximumSize) return refused(kTooLarge, error);
     std::string text = std::move(given);
     const std::size_t size = text.size();
     const std::size_t start = text.find_first_not_of(" \t\n\r");

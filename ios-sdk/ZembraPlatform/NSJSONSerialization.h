@@ -16,7 +16,7 @@ enum NSJSONSerializationErrorCode : NSInteger {
     NSJSONSerializationErrorMalformed = 1,
     NSJSONSerializationErrorTooDeep =
         2,  ///< More than `maximumDepth` arrays and dictionaries inside each other.
-    NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more, or more than there is memory for.
+    NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more.
 };
 
 /// The key of such an error's user information under which the byte offset of the fault stands, a number.

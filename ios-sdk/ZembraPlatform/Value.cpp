@@ -264,8 +264,15 @@ const Value& Value::operator[](std::string_view key) const noexcept {
         const Slot slot = slotOfKey(key, {slots, slotCount}, entries.data());
         return slot == 0 ? kNothing : entries[slot - 1].value;
     }
+    if (key.size() > kShortStringCapacity) {
+        for (const Entry& entry : entries) {
+            if (entry.key.string() == key) return entry.value;
+        }
+        return kNothing;
+    }
+    const Value shortKey(key);  // short strings are equal where their bytes are, all unused ones being 0
     for (const Entry& entry : entries) {
-        if (*entry.key.string() == key) return entry.value;
+        if (std::memcmp(&entry.key.storage_, &shortKey.storage_, sizeof(Storage)) == 0) return entry.value;
     }
     return kNothing;
 }

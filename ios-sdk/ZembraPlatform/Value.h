@@ -40,7 +40,7 @@ concept WholeNumber = std::integral<T> && !std::same_as<T, bool> && sizeof(T) <=
 /// empty span, nothing), never with undefined behaviour. A conversion never takes place, save between forms
 /// of number.
 ///
-/// Values may be nested to any depth: none of the operations here uses stack in proportion to it. A string
+/// Arrays and dictionaries may be nested to any depth: nothing here uses stack in proportion to it. A string
 /// has fewer than 2^32 bytes, an array or a dictionary fewer than 2^32 items: what would make a larger one
 /// throws `std::length_error`.
 class ZEMBRA_EXPORT Value {

@@ -697,6 +697,7 @@ private:
     void remove(Transfer& transfer, CURLcode result, bool isTimeout);
 
     CURLM* const multi_;
+    bool isReady_ = false;
     const AFHTTPResponseSerializer& reader_;
     std::deque<std::unique_ptr<Exchange>> waiting_;
     std::vector<std::unique_ptr<Transfer>> active_;
@@ -716,11 +717,12 @@ Engine::Engine(int wakeDescriptor, const AFHTTPResponseSerializer& reader)
       transfers_{nullptr} {
     if (!multi_) return;
     setCloseOnExec(multi_);
-    ::curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, &onSocket);
-    ::curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);
-    ::curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, &onTimer);
-    ::curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
-    ::curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(kMostConnections));
+    const auto set = [this](CURLMoption name, auto value) {
+        return ::curl_multi_setopt(multi_, name, value) == CURLM_OK;
+    };
+    isReady_ = set(CURLMOPT_SOCKETFUNCTION, &onSocket) && set(CURLMOPT_SOCKETDATA, this) &&
+               set(CURLMOPT_TIMERFUNCTION, &onTimer) && set(CURLMOPT_TIMERDATA, this) &&
+               set(CURLMOPT_MAXCONNECTS, static_cast<long>(kMostConnections));
 }
 
 Engine::~Engine() {
@@ -741,7 +743,7 @@ void Engine::start() {
         spare_.pop_back();
         Transfer& transfer = *active_.back();
         CURLcode result = transfer.prepare(std::move(exchange));
-        if (result == CURLE_OK && ::curl_multi_add_handle(multi_, transfer.easy()) != CURLM_OK)
+        if (result == CURLE_OK && (!isReady_ || ::curl_multi_add_handle(multi_, transfer.easy()) != CURLM_OK))
             result = CURLE_FAILED_INIT;
         if (result != CURLE_OK) remove(transfer, result, false);
     }
@@ -920,19 +922,19 @@ private:
         std::vector<std::weak_ptr<Session>> sessions = {};     // those whose I/O thread was started
         std::vector<std::shared_ptr<Session>> inherited = {};  // the parent's, with nobody left to end them
 
-        static std::atomic<Process*> current;
+        static std::atomic<Process*>& current();
         static CURLcode prepare();
         static void onExit();
     };
 
     static std::shared_ptr<const TrustedCertificates> systemCertificates();
-    [[nodiscard]] bool isForked() const noexcept { return process_ != Process::current.load(); }
+    [[nodiscard]] bool isForked() const noexcept { return process_ != Process::current().load(); }
     static void refuse(std::unique_ptr<Exchange> exchange, std::string_view text);
     [[nodiscard]] bool start();
     void run();
     void wake() const noexcept;
 
-    Process* const process_ = Process::current.load();
+    Process* const process_ = Process::current().load();
     std::atomic<std::uint64_t> lastTaskIdentifier_ = 0;
     std::vector<std::shared_ptr<const TrustedCertificates>> earlierCertificates_;
 
@@ -946,10 +948,13 @@ private:
     int wakeDescriptor_ = -1;
 };
 
-std::atomic<AFHTTPSessionManager::Session::Process*> AFHTTPSessionManager::Session::Process::current = [] {
-    ::pthread_atfork(nullptr, nullptr, [] { current = new Process{current}; });
-    return new Process;
-}();
+std::atomic<AFHTTPSessionManager::Session::Process*>& AFHTTPSessionManager::Session::Process::current() {
+    static std::atomic<Process*> process = [] {
+        ::pthread_atfork(nullptr, nullptr, [] { current() = new Process{current()}; });
+        return new Process;
+    }();
+    return process;
+}
 
 /// libcurl is set up once and never cleaned up: the host may use it too. The handler that stops the I/O
 /// threads is registered after that, so that it runs before libcurl's own libraries end.
@@ -963,7 +968,7 @@ CURLcode AFHTTPSessionManager::Session::Process::prepare() {
 }
 
 void AFHTTPSessionManager::Session::Process::onExit() {
-    Process& process = *current.load();
+    Process& process = *current().load();
     std::unique_lock lock(process.mutex);
     const auto sessions = std::exchange(process.sessions, {});
     lock.unlock();
@@ -1107,7 +1112,7 @@ void AFHTTPSessionManager::Session::stop(Stop how) {
 
 void AFHTTPSessionManager::Session::end() {
     if (!isForked()) return stop(Stop::cancel);
-    Process& process = *Process::current.load();
+    Process& process = *Process::current().load();
     const std::lock_guard lock(process.mutex);
     process.inherited.push_back(shared_from_this());
 }

@@ -1,8 +1,6 @@
 #include <algorithm>
 #include <chrono>
 #include <future>
-#include <latch>
-#include <list>
 #include <map>
 #include <mutex>
 #include <set>
@@ -27,6 +25,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::await;
+using test::clientOf;
 using test::Connection;
 using test::Outcome;
 using test::performPOST;
@@ -40,13 +39,6 @@ using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
 constexpr char kJSON[] = "Content-Type: application/json\r\n";
-
-std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address) {
-    auto client = std::make_unique<AFHTTPSessionManager>(NSURL::URLWithString(address));
-    client->addTrustedCertificateAuthority(TLSServer::certificateAuthority());
-    client->requestSerializer().setTimeoutInterval(10s);
-    return client;
-}
 
 /// Answers every request of a connection with `body`.
 TLSServer::Script answering(std::string body, std::string fields = kJSON) {
@@ -114,7 +106,6 @@ TEST(AFHTTPSessionManagerTest, SendsLargeBodiesWithoutDelayAndReportsProgress) {
     std::vector<std::int64_t> reports;
     std::int64_t total = 0;
     bool isDone = false;
-    const auto start = Clock::now();
     client->POST(
         "token", Value::dictionary({{"v", value}}),
         [&](std::int64_t bytesSent, std::int64_t bytesTotal) {
@@ -124,8 +115,7 @@ TEST(AFHTTPSessionManagerTest, SendsLargeBodiesWithoutDelayAndReportsProgress) {
         },
         [&](const auto&, const Value&) { isDone = true; }, nullptr);
     EXPECT_TRUE(MainQueue::shared().runUntil([&] { return isDone; }, 10s));
-    EXPECT_LT(Clock::now() - start, 900ms);  // waiting for "100 Continue" takes a second
-    EXPECT_THAT(recorder.requests.back(), EndsWith("\r\n\r\nv=" + value));
+    EXPECT_THAT(recorder.requests.back(), AllOf(Not(HasSubstr("Expect")), EndsWith("\r\n\r\nv=" + value)));
     EXPECT_TRUE(std::ranges::is_sorted(reports));
     ASSERT_FALSE(reports.empty());
     EXPECT_EQ(reports.back(), static_cast<std::int64_t>(value.size()) + 2);
@@ -226,22 +216,6 @@ TEST(AFHTTPSessionManagerTest, AConnectionThatTheServerClosedMeanwhileIsReplaced
     EXPECT_EQ(server.connectionCount(), 2);
 }
 
-TEST(AFHTTPSessionManagerTest, RequestsThatWaitForAConnectionDoNotAge) {
-    TLSServer server([](Connection& connection) {
-        if (!connection.handshake()) return;
-        while (!connection.readRequest().empty() && connection.wait(300ms) && connection.answer("{}")) {
-        }
-    });
-    const auto client = clientOf(server.address());
-    client->requestSerializer().setTimeoutInterval(900ms);
-    std::vector<test::OutcomePtr> outcomes;
-    for (int count = 0; count < 32; ++count)
-        outcomes.push_back(startPOST(*client));
-    for (const auto& outcome : outcomes)
-        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
-    EXPECT_EQ(server.connectionCount(), 8);
-}
-
 TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
     TLSServer server(answering("{}"));
     AFHTTPSessionManager client(NSURL::URLWithString(server.address()));
@@ -256,102 +230,6 @@ TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
     EXPECT_TRUE(performPOST(client).isSuccess());
     client.addTrustedCertificateAuthority("no PEM");
     EXPECT_TRUE(performPOST(client).isFailure(NSURLErrorDomain, NSURLErrorSecureConnectionFailed));
-}
-
-// Timeouts
-// -------------------------------------------------------------------------------------------------------
-
-TEST(AFHTTPSessionManagerTest, FailsWhenNothingMovedForTheTimeoutInEveryPhase) {
-    constexpr auto kLimit = 2000ms;
-    constexpr auto kTolerance = 500ms;
-    const std::string head = "HTTP/1.1 200 OK\r\n" + std::string(kJSON) + "Content-Length: 9\r\n\r\n";
-    const auto trickle = std::vector<std::string>(4, " ");
-
-    // What the server does once it has the request, and when the timeout is due; 0 where there is none.
-    struct Stall {
-        std::function<void(Connection&)> serve;
-        std::chrono::milliseconds due;
-    };
-    const std::map<std::string, Stall> stalls = {
-        {"/no-answer", {[](Connection&) {}, kLimit}},
-        {"/body-stops-at-0", {[&](Connection& c) { c.write(head + "1"); }, kLimit}},
-        {"/body-stops-at-1", {[&](Connection& c) { c.write(head) && c.drip({" "}, 1s); }, 1s + kLimit}},
-        {"/header-stops-at-1", {[&](Connection& c) { c.drip({"HTTP/1.1 200 OK\r\nX-"}, 1s); }, 1s + kLimit}},
-        {"/body-drips",
-         {[&](Connection& c) { c.write(head) && c.drip(trickle, 700ms) && c.write("12345"); }, 0ms}},
-        {"/header-drips",
-         {[&](Connection& c) {
-              c.write("HTTP/1.1 200 OK\r\nX-Slow:") && c.drip(trickle, 700ms) &&
-                  c.write("\r\n" + head.substr(head.find("Content")) + "        1");
-          },
-          0ms}},
-    };
-    TLSServer server([&](Connection& connection) {
-        if (!connection.handshake()) return;
-        const std::string header = connection.readHeader();
-        const std::string path = header.substr(5, header.find(' ', 5) - 5);
-        if (stalls.contains(path)) stalls.at(path).serve(connection);
-        if (path == "/") return void(connection.answer("1", std::string(kJSON) + "Connection: close\r\n"));
-        connection.hold();
-    });
-    TLSServer muteServer([](Connection& connection) { connection.hold(); });
-    TLSServer slowTLSServer([](Connection& connection) {
-        if (connection.slowHandshake(700ms) && !connection.readRequest().empty()) connection.answer("1");
-    });
-    test::UnacceptingServer unacceptingServer;
-
-    const auto client = clientOf(server.address());
-    const auto otherClient = clientOf(server.address());
-    struct Running {
-        std::string name;
-        std::chrono::milliseconds due;
-        Outcome outcome = {};
-        Clock::time_point start = Clock::now();
-        Clock::duration elapsed = {};
-    };
-    std::list<Running> running;
-    const auto run = [&](AFHTTPSessionManager& by, std::string name, std::string path,
-                         std::chrono::milliseconds due, Value parameters = {}) {
-        by.requestSerializer().setTimeoutInterval(kLimit);
-        Running& request = running.emplace_back(Running{std::move(name), due});
-        by.POST(
-            path, parameters, nullptr,
-            [&](const auto&, const Value&) {
-                ++request.outcome.callbacks;
-                request.elapsed = Clock::now() - request.start;
-            },
-            [&](const auto&, const NSErrorPtr& error) {
-                ++request.outcome.callbacks;
-                request.outcome.error = error;
-                request.elapsed = Clock::now() - request.start;
-            });
-    };
-    // The certificates are read, and the large body made, before the other clocks start.
-    for (auto* const by : {client.get(), otherClient.get()})
-        EXPECT_TRUE(performPOST(*by, "/").isSuccess());
-    run(*otherClient, "upload", "/upload", kLimit,
-        Value::dictionary({{"v", std::string(std::size_t{8} << 20, 'x')}}));
-    running.back().start = Clock::now();
-    for (const auto& [path, stall] : stalls)
-        run(*client, path, path, stall.due);
-    run(*otherClient, "resolving", std::string("https://") + test::kHangingHost + '/', kLimit);
-    run(*otherClient, "connecting", unacceptingServer.address(), kLimit);
-    run(*otherClient, "mute TLS peer", muteServer.address(), kLimit);
-    run(*otherClient, "slow TLS peer", slowTLSServer.address(), 0ms);
-
-    const auto isDone = [](const Running& request) { return request.outcome.callbacks > 0; };
-    EXPECT_TRUE(MainQueue::shared().runUntil([&] { return std::ranges::all_of(running, isDone); }, 20s));
-    for (const Running& request : running) {
-        SCOPED_TRACE(request.name);
-        if (request.due == 0ms) {
-            EXPECT_TRUE(request.outcome.isSuccess()) << request.outcome;
-            EXPECT_GT(request.elapsed, kLimit);
-        } else {
-            EXPECT_TRUE(request.outcome.isFailure(NSURLErrorDomain, NSURLErrorTimedOut)) << request.outcome;
-            EXPECT_GE(request.elapsed, request.due);
-            EXPECT_LT(request.elapsed, request.due + kTolerance);
-        }
-    }
 }
 
 // Callbacks and the end of a client
@@ -387,35 +265,6 @@ TEST(AFHTTPSessionManagerTest, CallbacksComeOnTheCompletionQueueAndNeverInsideTh
         "token", {}, nullptr, [&](auto&&...) { thread = std::this_thread::get_id(); }, nullptr);
     EXPECT_TRUE(MainQueue::shared().runUntil([&] { return thread != std::thread::id(); }, 10s));
     EXPECT_EQ(thread, std::this_thread::get_id());
-}
-
-TEST(AFHTTPSessionManagerTest, DestroyingAClientIsQuickAndCancelsItsRequests) {
-    std::latch areStalled(8);
-    TLSServer server([&](Connection& connection) {
-        if (!connection.handshake() || connection.readRequest().empty()) return;
-        areStalled.count_down();
-        connection.hold();
-    });
-    auto client = clientOf(server.address());
-    std::vector<test::OutcomePtr> outcomes;
-    for (int count = 0; count < 10; ++count)
-        outcomes.push_back(startPOST(*client));
-    areStalled.wait();
-    const auto start = Clock::now();
-    client.reset();
-    EXPECT_LT(Clock::now() - start, 100ms);
-    for (const auto& outcome : outcomes)
-        EXPECT_TRUE(await(outcome).isFailure(NSURLErrorDomain, NSURLErrorCancelled)) << *outcome;
-}
-
-TEST(AFHTTPSessionManagerTest, DestroyingAClientWhileItResolvesIsQuick) {
-    auto client = clientOf(std::string("https://") + test::kHangingHost + '/');
-    const auto outcome = startPOST(*client);
-    std::this_thread::sleep_for(50ms);  // the resolver's thread has begun; nothing tells from outside
-    const auto start = Clock::now();
-    client.reset();
-    EXPECT_LT(Clock::now() - start, 100ms);
-    EXPECT_TRUE(await(outcome).isFailure(NSURLErrorDomain, NSURLErrorCancelled)) << *outcome;
 }
 
 TEST(AFHTTPSessionManagerTest, AClientMayBeDestroyedInsideItsCallbackOnAnyThread) {

@@ -16,7 +16,7 @@ using Configure = std::function<void(AFHTTPSessionManager&)>;
 
 NSErrorPtr failureAt(const std::string& address, std::string_view path, const Configure& configure) {
     AFHTTPSessionManager client(NSURL::URLWithString(address));
-    client.requestSerializer().setTimeoutInterval(5s);
+    client.requestSerializer().setTimeoutInterval(20s);
     client.requestSerializer().setValue(std::string("Bearer ") + kSecret, "Authorization");
     if (configure) configure(client);
     return performPOST(client, path, Value::dictionary({{"refresh_token", kSecret}})).error;

@@ -4,7 +4,16 @@
 
 #include <ZembraPlatform/MainQueue.h>
 
+#include "support/TLSServer.h"
+
 namespace zembra::test {
+
+std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address) {
+    auto client = std::make_unique<AFHTTPSessionManager>(NSURL::URLWithString(address));
+    client->addTrustedCertificateAuthority(TLSServer::certificateAuthority());
+    client->requestSerializer().setTimeoutInterval(std::chrono::seconds(20));
+    return client;
+}
 
 OutcomePtr startPOST(AFHTTPSessionManager& client, std::string_view path, const Value& parameters) {
     auto outcome = std::make_shared<Outcome>();

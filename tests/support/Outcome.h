@@ -9,7 +9,7 @@
 
 namespace zembra::test {
 
-/// What became of one request.
+/// What became of one request, seen by a test.
 struct Outcome {
     int callbacks = 0;
     Value object;
@@ -25,6 +25,9 @@ inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
     stream << outcome.callbacks << " callbacks, ";
     return outcome.error ? stream << *outcome.error : stream << outcome.object;
 }
+
+/// A client that trusts the authority of `TLSServer` and has a timeout of 20 seconds.
+std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address);
 
 using OutcomePtr = std::shared_ptr<Outcome>;
 

@@ -6,8 +6,6 @@
 #include <ZembraPlatform/NSString.h>
 #include <ZembraPlatform/sysctl.h>
 
-#include "UIDevice+ZMBUtilityInternal.h"
-
 namespace zembra {
 
 namespace {
@@ -71,14 +69,11 @@ std::optional<std::string> hardwareString(const std::shared_ptr<UIDevice>& /*dev
     return stringWithUTF8String(contents.substr(0, contents.find('\0')));
 }
 
-std::string modelNameForIdentifier(const std::optional<std::string>& identifier) {
+std::string platfromString(const std::shared_ptr<UIDevice>& device) {
+    const std::optional<std::string> identifier = hardwareString(device);
     for (const Model& model : kModels)
         if (identifier == model.identifier) return std::string(model.name);
     return "Unknow Model " + identifier.value_or("(null)");
-}
-
-std::string platfromString(const std::shared_ptr<UIDevice>& device) {
-    return modelNameForIdentifier(hardwareString(device));
 }
 
 }  // namespace zembra

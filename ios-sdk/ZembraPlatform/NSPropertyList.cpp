@@ -82,17 +82,14 @@ Value valueOfNode(plist_t node, int depth) {
             return Date(kEpoch + std::chrono::seconds(seconds) + std::chrono::microseconds(microseconds));
         }
         case PLIST_STRING: {
-            char* text = nullptr;
-            plist_get_string_val(node, &text);
-            const Allocated<char> string(text);
-            return string ? Value(std::string_view(string.get())) : Value("");
+            std::uint64_t length = 0;
+            const char* const text = plist_get_string_ptr(node, &length);
+            return std::string_view(text, static_cast<std::size_t>(length));
         }
         case PLIST_DATA: {
-            char* bytes = nullptr;
             std::uint64_t length = 0;
-            plist_get_data_val(node, &bytes, &length);
-            const Allocated<char> data(bytes);
-            return std::string_view(data.get(), data ? static_cast<std::size_t>(length) : 0);
+            const char* const bytes = plist_get_data_ptr(node, &length);
+            return std::string_view(bytes, static_cast<std::size_t>(length));
         }
         case PLIST_ARRAY:
             return arrayOfNode(node, depth);
@@ -108,8 +105,8 @@ Value valueOfNode(plist_t node, int depth) {
 Value dictionaryWithPropertyList(std::string_view contents, std::string& reason) {
     constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
     if (contents.starts_with(kByteOrderMark)) contents.remove_prefix(kByteOrderMark.size());
-    if (!isWellFormedUTF8(contents)) {
-        reason = "it is not UTF-8";
+    if (!isWellFormedUTF8(contents) || contents.find('\0') != std::string_view::npos) {
+        reason = "it is not UTF-8 text";
         return {};
     }
     plist_t root = nullptr;

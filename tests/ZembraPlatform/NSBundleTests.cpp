@@ -1,0 +1,212 @@
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <ZembraPlatform/NSBundle.h>
+
+#include "support/ErrorMatchers.h"
+
+namespace zembra::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::IsNull;
+
+/// A folder that goes with the test.
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "zembra-XXXXXX").string();
+        path = mkdtemp(pattern.data());
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(path); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::filesystem::path write(const std::string& name, const std::string& contents) const {
+        const auto file = path / name;
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file, std::ios::binary) << contents;
+        return file;
+    }
+
+    std::filesystem::path path;
+};
+
+std::string plist(const std::string& body) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist>" + body + "</plist>";
+}
+
+// The info dictionary
+// --------------------------------------------------------------------------------------------
+
+TEST(InfoDictionary, HoldsWhatTheFileSays) {
+    const TemporaryFolder folder;
+    const auto file = folder.write("Info.plist", "\xEF\xBB\xBF" + plist(R"(<dict>
+        <key>ZMBSDKClientID</key><string>a&amp;b &#252; ö</string>
+        <key>empty</key><string></string>
+        <key>yes</key><true/>
+        <key>number</key><integer>-42</integer>
+        <key>real</key><real>1.5</real>
+        <key>date</key><date>2026-01-02T03:04:05Z</date>
+        <key>data</key><data>AAEC</data>
+        <key>list</key><array><string>x</string><dict/></array>
+        </dict>)"));
+    const auto bundle = NSBundle::bundleWithInfoFile(file);
+    EXPECT_THAT(bundle->infoDictionaryError(), IsNull());
+    const auto object = [&](std::string_view key) { return bundle->objectForInfoDictionaryKey(key); };
+    EXPECT_EQ(object("ZMBSDKClientID"), Value("a&b ü ö"));
+    EXPECT_EQ(object("empty"), Value(""));
+    EXPECT_EQ(object("yes"), Value(true));
+    EXPECT_EQ(object("number"), Value(-42));
+    EXPECT_EQ(object("real"), Value(1.5));
+    using namespace std::chrono;
+    EXPECT_EQ(object("date"), Value(Date(sys_days(2026y / 1 / 2) + 3h + 4min + 5s)));
+    EXPECT_EQ(object("data"), Value(std::string("\0\1\2", 3)));
+    EXPECT_EQ(object("list"), Value::array({"x", Value::dictionary({})}));
+    EXPECT_TRUE(object("absent").isNothing());
+}
+
+TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
+    const TemporaryFolder folder;
+    std::string nested = "<dict><key>deep</key>";
+    for (int i = 0; i < 2000; ++i)
+        nested += "<array>";
+    for (int i = 0; i < 2000; ++i)
+        nested += "</array>";
+    const struct {
+        std::filesystem::path file;
+        NSInteger code;
+        const char* reason;
+    } cases[] = {
+        {folder.path / "absent", NSBundleErrorFileNotFound, "no such file"},
+        {folder.path, NSBundleErrorFileNotReadable, "directory"},
+        {folder.write("empty", ""), NSBundleErrorFileMalformed, "no XML property list"},
+        {folder.write("text", "client id = 5"), NSBundleErrorFileMalformed, "no XML property list"},
+        {folder.write("cut", plist("<dict><key>a").substr(0, 60)), NSBundleErrorFileMalformed,
+         "no XML property list"},
+        {folder.write("array", plist("<array/>")), NSBundleErrorFileMalformed, "no dictionary"},
+        {folder.write("latin1", plist("<dict><key>a</key><string>\xFC</string></dict>")),
+         NSBundleErrorFileMalformed, "not UTF-8 text"},
+        {folder.write("zero",
+                      plist("<dict><key>a</key><string>b" + std::string(1, '\0') + "</string></dict>")),
+         NSBundleErrorFileMalformed, "not UTF-8 text"},
+        {folder.write("deep", plist(nested + "</dict>")), NSBundleErrorFileMalformed, "nested too deeply"},
+        {folder.write("large", plist("<dict/>" + std::string(300'000, ' '))), NSBundleErrorFileMalformed,
+         "larger than 256 KiB"},
+    };
+    for (const auto& [file, code, reason] : cases) {
+        const auto bundle = NSBundle::bundleWithInfoFile(file);
+        EXPECT_TRUE(bundle->objectForInfoDictionaryKey("a").isNothing()) << file;
+        const NSErrorPtr error = bundle->infoDictionaryError();
+        ASSERT_THAT(error, IsError(NSBundleErrorDomain, code)) << file;
+        EXPECT_THAT(error->localizedDescription(), HasSubstr(reason));
+        EXPECT_THAT(error->localizedDescription(), HasSubstr(file.string()));
+    }
+}
+
+TEST(MainBundle, IsReadBesideTheExecutable) {
+    const auto bundle = NSBundle::mainBundle();
+    EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleIdentifier"), Value("com.example.tests <&>"));
+    EXPECT_EQ(bundle->objectForInfoDictionaryKey("ZMBSDKClientID"), Value(""));
+    EXPECT_TRUE(bundle->objectForInfoDictionaryKey("CFBundleName").isNothing());
+    EXPECT_EQ(NSBundle::mainBundle(), bundle);
+}
+
+TEST(MainBundle, CanBeHandedOverInCode) {
+    NSBundle::setMainBundle(std::make_shared<NSBundle>(Value::dictionary({{"ZMBSDKClientID", "mine"}})));
+    EXPECT_EQ(NSBundle::mainBundle()->objectForInfoDictionaryKey("ZMBSDKClientID"), Value("mine"));
+    NSBundle::setMainBundle(nullptr);
+    EXPECT_EQ(NSBundle::mainBundle()->objectForInfoDictionaryKey("ZMBSDKClientID"), Value(""));
+}
+
+// Messages
+// -------------------------------------------------------------------------------------------------------
+
+class LocalizedStringTest : public ::testing::Test {
+protected:
+    /// The message as a process with these variables sees it.
+    std::string message(std::vector<std::pair<const char*, const char*>> environment,
+                        std::optional<std::string_view> key = "server_error",
+                        std::optional<std::string_view> value = "",
+                        std::optional<std::string_view> table = std::nullopt) const {
+        for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"})
+            unsetenv(name);
+        for (const auto& [name, text] : environment)
+            setenv(name, text, 1);
+        return bundle.localizedStringForKey(key, value, table);
+    }
+
+    const NSBundle bundle{Value(), NSBundle::Catalogues{ZEMBRA_TEST_LOCALE_DIRECTORY, "messages"}};
+};
+
+TEST_F(LocalizedStringTest, FollowsTheLanguagesOfTheEnvironment) {
+    const std::string german = "Der Dienst ist gestört.", english = "The service is out of order.";
+    EXPECT_EQ(message({}), english) << "the development language, in a process without a locale";
+    EXPECT_EQ(message({{"LANG", "C.UTF-8"}}), english);
+    EXPECT_EQ(message({{"LANG", "de_AT.UTF-8@euro"}}), german);
+    EXPECT_EQ(message({{"LC_MESSAGES", "de"}, {"LANG", "en_GB"}}), german);
+    EXPECT_EQ(message({{"LC_ALL", "en_GB"}, {"LC_MESSAGES", "de"}}), english);
+    EXPECT_EQ(message({{"LC_ALL", ""}, {"LC_MESSAGES", "de"}}), german)
+        << "an empty variable is like an absent one";
+    EXPECT_EQ(message({{"LANGUAGE", "xx::de_CH:en"}, {"LANG", "C"}}), german);
+    EXPECT_EQ(message({{"LANGUAGE", "fr"}, {"LANG", "de_DE"}}), german)
+        << "the French catalogue is not in UTF-8";
+    EXPECT_EQ(message({{"LANG", "de/../de"}}), english) << "a path is no language";
+}
+
+TEST_F(LocalizedStringTest, FallsBackToTheValueAndThenTheKey) {
+    const std::pair<const char*, const char*> german = {"LANG", "de_DE"};
+    EXPECT_EQ(message({german}, "network_error"), "There is no connection.") << "a text only English has";
+    EXPECT_EQ(message({german}, "unknown"), "unknown");
+    EXPECT_EQ(message({german}, "unknown", "default"), "default");
+    EXPECT_EQ(message({german}, "unknown", std::nullopt), "unknown");
+    EXPECT_EQ(message({german}, "untranslated"), "untranslated");
+    EXPECT_EQ(message({german}, "file"), "Datei");
+    EXPECT_EQ(message({german}, ""), "") << "the catalogue's header is no message";
+    EXPECT_EQ(message({german}, std::nullopt), "");
+    EXPECT_EQ(message({german}, std::nullopt, "default"), "default");
+    EXPECT_EQ(message({german}, "server_error", "", "no such table"), "server_error");
+    EXPECT_EQ(message({german}, "server_error", "", "../LC_MESSAGES/messages"), "server_error");
+    EXPECT_EQ(NSBundle(Value()).localizedStringForKey("server_error", "", std::nullopt), "server_error");
+}
+
+TEST(MessageCatalogues, SurviveAnyDamage) {
+    std::ifstream stream(ZEMBRA_TEST_LOCALE_DIRECTORY "/de/LC_MESSAGES/messages.mo", std::ios::binary);
+    const std::string intact{std::istreambuf_iterator<char>(stream), {}};
+    ASSERT_GT(intact.size(), 28u);
+    const TemporaryFolder folder;
+    const auto lookUp = [&](const std::string& contents) {
+        folder.write("en/LC_MESSAGES/messages.mo", contents);
+        return NSBundle(Value(), NSBundle::Catalogues{folder.path, "messages"})
+            .localizedStringForKey("server_error", "", std::nullopt);
+    };
+    EXPECT_EQ(lookUp(intact), "Der Dienst ist gestört.");
+    for (std::size_t length = 0; length < intact.size(); length += 7)
+        lookUp(intact.substr(0, length));
+    for (std::size_t offset = 0; offset < std::min<std::size_t>(intact.size(), 200); ++offset) {
+        std::string damaged = intact;
+        damaged[offset] = '\xFF';
+        lookUp(damaged);
+    }
+    // A catalogue from a machine of the other byte order.
+    std::string swapped = intact;
+    const auto number = [&](std::size_t offset) {
+        std::uint32_t value = 0;
+        for (std::size_t i = 4; i-- > 0;)
+            value = value << 8 | static_cast<std::uint8_t>(intact[offset + i]);
+        return value;
+    };
+    const std::size_t end = number(24) + 4 * number(20);  // behind the header, both tables and the hash table
+    for (std::size_t word = 0; word + 4 <= end; word += 4)
+        std::reverse(swapped.begin() + static_cast<std::ptrdiff_t>(word),
+                     swapped.begin() + static_cast<std::ptrdiff_t>(word) + 4);
+    EXPECT_EQ(lookUp(swapped), "Der Dienst ist gestört.");
+}
+
+}  // namespace
+}  // namespace zembra::test

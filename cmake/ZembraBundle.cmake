@@ -1,12 +1,12 @@
 # zembra_bundle(<executable target>
-#               CLIENT_ID <client identifier> BUNDLE_ID <bundle identifier> [VERSION <version>] [NAME <name>])
+#               [CLIENT_ID <client identifier>] [BUNDLE_ID <bundle identifier>] [VERSION <version>] [NAME <name>]
+#               [INSTALL])
 #
 # States the target's bundle configuration: writes <executable name>.Info.plist beside the executable, where
-# NSBundle::mainBundle() looks first, and installs it as <datadir>/<executable name>/Info.plist, where it looks
-# next, when the target itself is installed with `install(TARGETS ...)` and COMPONENT is given.
-# An argument that is left out leaves out its key; an empty CLIENT_ID makes an empty value.
+# NSBundle::mainBundle() looks first. With INSTALL it is also installed, as share/<executable name>/Info.plist, where
+# it looks next. An argument that is left out leaves out its key.
 function(zembra_bundle target)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "CLIENT_ID;BUNDLE_ID;VERSION;NAME" "")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "INSTALL" "CLIENT_ID;BUNDLE_ID;VERSION;NAME" "")
     if(arg_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "zembra_bundle(${target}): unknown arguments: ${arg_UNPARSED_ARGUMENTS}")
     endif()
@@ -25,9 +25,10 @@ function(zembra_bundle target)
             string(APPEND entries "    <key>${key}</key>\n    <string>${text}</string>\n")
         endif()
     endforeach()
+    set(file "$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_NAME:${target}>.Info.plist")
     file(
         GENERATE
-        OUTPUT "$<TARGET_FILE_DIR:${target}>/$<TARGET_FILE_NAME:${target}>.Info.plist"
+        OUTPUT "${file}"
         CONTENT
             "<?xml version=\"1.0\" encoding=\"UTF-8\"?>
 <plist version=\"1.0\">
@@ -35,4 +36,10 @@ function(zembra_bundle target)
 ${entries}</dict>
 </plist>
 ")
+    if(arg_INSTALL)
+        install(
+            FILES "${file}"
+            DESTINATION "share/$<TARGET_FILE_NAME:${target}>"
+            RENAME Info.plist)
+    endif()
 endfunction()

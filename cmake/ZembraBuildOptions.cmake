@@ -5,6 +5,10 @@ add_library(zembra_build_options INTERFACE)
 target_compile_options(
     zembra_build_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion
                                    -Wnon-virtual-dtor -Woverloaded-virtual -Wold-style-cast)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
+    # It fires on the standard library's own `"text" + string` (GCC bug 105651).
+    target_compile_options(zembra_build_options INTERFACE -Wno-restrict)
+endif()
 
 option(ZEMBRA_WARNINGS_AS_ERRORS "Treat warnings as errors" OFF)
 if(ZEMBRA_WARNINGS_AS_ERRORS)

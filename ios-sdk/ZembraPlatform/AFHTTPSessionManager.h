@@ -111,7 +111,10 @@ private:
 /// Requests run on one I/O thread of the client's own, started with the first request; callbacks are
 /// delivered on the completion queue, the main queue unless the host sets another. Certificates are always
 /// verified; redirects are not followed; answers over 16 MiB of body (after decompression) or 256 KiB of
-/// header are cut off as failures.
+/// header are cut off as failures. Up to eight requests are under way at once, on connections that are kept
+/// for the next ones; the others wait in line, where they do not age. A request whose bytes keep trickling
+/// ends after ten times its timeout, at least a minute. The environment's proxy settings (`https_proxy`,
+/// `all_proxy`, `no_proxy`) are honoured.
 ///
 /// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a
 /// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Requests still under
@@ -137,8 +140,9 @@ public:
 
     [[nodiscard]] const NSURL& baseURL() const noexcept;
 
-    /// The parts that the client owns; they live as long as it does. The request serializer comes with a
-    /// default "User-Agent" of the host's name and version and the system.
+    /// The parts that the client owns; they live as long as it does. `POST` of this class builds requests
+    /// with what `requestSerializer()` gives and always reads answers with the response serializer of this
+    /// class.
     [[nodiscard]] virtual AFHTTPRequestSerializer& requestSerializer();
     [[nodiscard]] virtual AFHTTPResponseSerializer& responseSerializer();
 

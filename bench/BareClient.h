@@ -1,0 +1,37 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// What the SDK is measured against; not part of the SDK.
+namespace zembra::bench {
+
+/// One libcurl easy handle that posts forms to one address over HTTPS and reads each answer into a string:
+/// the least that a host would write without the SDK. One thread at a time.
+class BareClient {
+public:
+    using Fields = std::vector<std::pair<std::string, std::string>>;
+
+    /// Sends `fields` with every request. Trusts the system's authorities and `authority`, PEM text, in a
+    /// file of its own: what comes from a file is parsed once, not for every connection.
+    BareClient(const std::string& address, const std::string& authority, const Fields& fields);
+    ~BareClient();
+    BareClient(const BareClient&) = delete;
+    BareClient& operator=(const BareClient&) = delete;
+
+    /// Whether answers may come compressed, which they do unless it is said otherwise.
+    void setCompressed(bool isCompressed);
+
+    /// Posts a form; false where no answer came or its status is not 200.
+    [[nodiscard]] bool post(const std::string& form);
+
+private:
+    void* const easy_;
+    void* headers_ = nullptr;
+    const std::filesystem::path authorityFile_;
+    std::string answer_;
+};
+
+}  // namespace zembra::bench

@@ -1,0 +1,2 @@
+// A program that does nothing.
+int main() {}

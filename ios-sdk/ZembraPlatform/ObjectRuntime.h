@@ -314,12 +314,14 @@ constexpr auto creationOf() -> std::shared_ptr<NSObject> (*)() {
     }
 }
 
+/// @cond
 /// Counts properties: of overloads that take numbers, a call with the highest number chooses the one with the
 /// highest that is declared.
 template <std::size_t number>
 struct PropertyNumber : PropertyNumber<number - 1> {};
 template <>
 struct PropertyNumber<0> {};
+/// @endcond
 inline constexpr std::size_t kHighestPropertyNumber = 64;
 using HighestPropertyNumber = PropertyNumber<kHighestPropertyNumber>;
 

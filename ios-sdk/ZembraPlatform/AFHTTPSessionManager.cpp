@@ -66,13 +66,17 @@ constexpr milliseconds kLongestWait = std::chrono::hours(24);
 
 /// How long leaving the process waits for an I/O thread that is inside a callback of the host's.
 constexpr std::chrono::seconds kLongestExit{1};
+constexpr milliseconds kExitCheck{10};
 
 /// Room behind a body that lets the JSON decoder read it in place.
 constexpr std::size_t kBodyPadding = 64;
 
-/// Set when leaving the process has waited long enough for an I/O thread that is inside a callback of the
-/// host's. When that comes back, libcurl may be gone.
+/// Set when leaving the process has waited long enough for I/O threads that are inside a callback of the
+/// host's. One that comes back from there must not go on, since libcurl may be gone.
 std::atomic<bool> isProcessOver = false;
+
+/// On an I/O thread: where it tells that it is inside a callback, or stays there for good.
+thread_local std::atomic<bool>* isInCallback = nullptr;
 
 // Errors
 // -------------------------------------------------------------------------------------------------------
@@ -138,8 +142,13 @@ struct Listener {
 
 void enqueue(const CompletionQueue& queue, std::function<void()> task) {
     if (!queue) return MainQueue::shared().post(std::move(task));
+    if (!isInCallback) return queue(std::move(task));
+    *isInCallback = true;
     queue(std::move(task));
-    while (isProcessOver)
+    *isInCallback = false;
+    if (!isProcessOver) return;
+    *isInCallback = true;
+    while (true)
         ::pause();
 }
 
@@ -933,6 +942,7 @@ private:
     [[nodiscard]] bool start();
     void run();
     void wake() const noexcept;
+    [[nodiscard]] bool waitForEnd(std::unique_lock<std::mutex>& lock);
 
     Process* const process_ = Process::current().load();
     std::atomic<std::uint64_t> lastTaskIdentifier_ = 0;
@@ -945,6 +955,7 @@ private:
     bool isRunning_ = false;  // from the start of the I/O thread to its end
     std::thread thread_;
     std::thread::id threadIdentifier_;
+    std::atomic<bool> isInCallback_ = false;  // not guarded
     int wakeDescriptor_ = -1;
 };
 
@@ -1053,6 +1064,7 @@ void AFHTTPSessionManager::Session::wake() const noexcept {
 
 void AFHTTPSessionManager::Session::run() {
     ::pthread_setname_np(::pthread_self(), "zembra-http");
+    isInCallback = &isInCallback_;
     std::optional<Engine> engine(std::in_place, wakeDescriptor_, responseSerializer);
     std::unique_lock lock(mutex_);
     while (stop_ == Stop::none) {
@@ -1099,15 +1111,25 @@ void AFHTTPSessionManager::Session::stop(Stop how) {
     stop_ = how;
     if (isRunning_) wake();
     std::thread thread = std::move(thread_);
-    const bool isInCallback = isRunning_ && threadIdentifier_ == std::this_thread::get_id();
-    const auto hasEnded = [this] { return !isRunning_; };
-    if (isInCallback || (how == Stop::drop && !ended_.wait_for(lock, kLongestExit, hasEnded))) {
-        if (!isInCallback) isProcessOver = true;
+    const bool isOwnThread = isRunning_ && threadIdentifier_ == std::this_thread::get_id();
+    if (isOwnThread || (how == Stop::drop && !waitForEnd(lock))) {
         if (thread.joinable()) thread.detach();
         return;
     }
     lock.unlock();
     if (thread.joinable()) thread.join();
+}
+
+/// Waits for the I/O thread, however busy the machine is, but not for ever for one inside a callback; false
+/// for such a one.
+bool AFHTTPSessionManager::Session::waitForEnd(std::unique_lock<std::mutex>& lock) {
+    const auto hasEnded = [this] { return !isRunning_; };
+    if (ended_.wait_for(lock, kLongestExit, hasEnded)) return true;
+    isProcessOver = true;
+    while (!isInCallback_) {
+        if (ended_.wait_for(lock, kExitCheck, hasEnded)) return true;
+    }
+    return false;
 }
 
 void AFHTTPSessionManager::Session::end() {

@@ -70,11 +70,15 @@ std::optional<MessageCatalogue> MessageCatalogue::parse(std::string contents) {
     const std::uint64_t count = words.at(8), keys = words.at(12), texts = words.at(16);
     if (keys + 8 * count > size || texts + 8 * count > size) return std::nullopt;
 
+    // Strings that lie across each other are damage, and slow to compare.
+    std::uint64_t total = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
         Message message{words.at(keys + 8 * i + 4), words.at(keys + 8 * i), words.at(texts + 8 * i + 4),
                         words.at(texts + 8 * i)};
         if (message.keyOffset + message.keyLength > size || message.textOffset + message.textLength > size)
             return std::nullopt;
+        total += message.keyLength + message.textLength;
+        if (total > size) return std::nullopt;
         // Key and text with plural forms hold all of them, separated by zero bytes.
         message.keyLength = std::min(message.keyLength, catalogue.keyOf(message).find('\0'));
         message.textLength = std::min(message.textLength, catalogue.textOf(message).find('\0'));

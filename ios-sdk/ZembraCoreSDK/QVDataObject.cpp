@@ -117,6 +117,8 @@ private:
         const char* const bytes = key.data() + index;
         const std::size_t rest = key.size() - index;
         if (rest >= kWordSize) return load<std::uint64_t>(bytes);
+        if (key.size() >= kWordSize)
+            return load<std::uint64_t>(bytes + rest - kWordSize) >> 8 * (kWordSize - rest);
         if (rest >= 4)
             return load<std::uint32_t>(bytes) | load<std::uint32_t>(bytes + rest - 4) << 8 * (rest - 4);
         return load<std::uint8_t>(bytes) | load<std::uint8_t>(bytes + rest / 2) << 8 * (rest / 2) |
@@ -247,6 +249,18 @@ namespace {
 
 constexpr std::array<std::string_view, 3> kSkippedNames{"id", "_id", "description"};
 
+bool isSkipped(std::string_view name) noexcept {
+    for (const std::string_view skipped : kSkippedNames)
+        if (name.size() == skipped.size() && name.front() == skipped.front() && name == skipped) return true;
+    return false;
+}
+
+/// Whether `value` is assigned to a property of class `cls` in another form than its own.
+bool needsConversion(const Value& value, const Class& cls) noexcept {
+    return value.isArray() || cls.isSubclassOf(QVDataObject::staticClass()) ||
+           (value.isString() && cls.isSubclassOf(NSDate::staticClass()));
+}
+
 /// The value to assign where `value` met the property `key` of `object`, declared with class `cls`.
 Value convertedValue(QVDataObject& object, Value value, std::string_view key, const Class& cls) {
     if (cls.isSubclassOf(QVDataObject::staticClass()))
@@ -267,23 +281,16 @@ Value convertedValue(QVDataObject& object, Value value, std::string_view key, co
     return value;
 }
 
-void assign(QVDataObject& object, const PropertyDescription& property, Value value) {
-    if (Value* const storage = property.storage(object)) *storage = std::move(value);
-}
-
 }  // namespace
 
 QVDataObject::~QVDataObject() = default;
 
 const DataObjectClass& QVDataObject::staticClass() noexcept {
-    static constexpr DataObjectClass description{{"QVDataObject",
-                                                  &typeid(QVDataObject),
-                                                  []() noexcept -> const Class* { return nullptr; },
-                                                  {},
-                                                  detail::creationOf<QVDataObject>()},
-                                                 nullptr,
-                                                 nullptr,
-                                                 false};
+    static constexpr DataObjectClass description{
+        {"QVDataObject", &typeid(QVDataObject), nullptr, {}, detail::creationOf<QVDataObject>()},
+        nullptr,
+        nullptr,
+        false};
     return description;
 }
 
@@ -310,13 +317,17 @@ bool QVDataObject::initWithJSON(Value json) {
         std::optional<std::string> longName;
         std::optional<std::string_view> name = shortKey.camelized(key);
         if (!name) name = longName = camelizedString(key);
-        if (!name || std::ranges::find(kSkippedNames, *name) != kSkippedNames.end()) continue;
+        if (!name || isSkipped(*name)) continue;
         if (json.containsNull() && json[*name].isNull()) continue;
         if (isDirect) {
             const PropertyDescription* const property = cls.property(*name);
             const Class* const declared = property == nullptr ? nullptr : property->declaredClass();
             if (declared == nullptr) continue;
-            assign(*this, *property, convertedValue(*this, json.takeValueAt(index), *name, *declared));
+            Value& storage = *property->storage(*this);
+            if (needsConversion(entries[index].value, *declared))
+                storage = convertedValue(*this, json.takeValueAt(index), *name, *declared);
+            else
+                storage = json.takeValueAt(index);
         } else if (const Class* const declared = dataObjectClassForKey(*name)) {
             setPropertyValue(json.takeValueAt(index), *name, *declared);
         }
@@ -331,8 +342,9 @@ const Class* QVDataObject::dataObjectClassForKey(std::string_view key) const {
 
 void QVDataObject::setPropertyValue(Value value, std::string_view key, const Class& cls) {
     value = convertedValue(*this, std::move(value), key, cls);
-    if (const PropertyDescription* const property = dynamicClass().property(key))
-        assign(*this, *property, std::move(value));
+    const PropertyDescription* const property = dynamicClass().property(key);
+    if (Value* const storage = property == nullptr ? nullptr : property->storage(*this))
+        *storage = std::move(value);
 }
 
 }  // namespace zembra

@@ -4,28 +4,18 @@
 
 namespace zembra {
 
-bool Class::isSubclassOf(const Class& other) const noexcept {
-    for (const Class* cls = this; cls != nullptr; cls = cls->superclass())
-        if (cls == &other || *cls->type == *other.type) return true;
-    return false;
-}
-
 const PropertyDescription* Class::property(std::string_view propertyName) const noexcept {
-    for (const Class* cls = this; cls != nullptr; cls = cls->superclass())
-        for (const PropertyDescription& property : cls->properties)
-            if (property.name == propertyName) return &property;
-    return nullptr;
+    if (propertyName.empty()) return nullptr;
+    for (const PropertyDescription& property : properties)
+        if (property.name.front() == propertyName.front() && property.name == propertyName) return &property;
+    return superclass == nullptr ? nullptr : superclass()->property(propertyName);
 }
 
 namespace {
 
-const Class* noClass() noexcept {
-    return nullptr;
-}
-
 template <class Tag>
 constexpr Class tagClass(std::string_view name) {
-    return {name, &typeid(Tag), &noClass, {}, nullptr};
+    return {name, &typeid(Tag), nullptr, {}, nullptr};
 }
 
 }  // namespace

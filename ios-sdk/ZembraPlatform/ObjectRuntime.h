@@ -46,12 +46,16 @@ struct PropertyDescription {
 struct ZEMBRA_EXPORT Class {
     std::string_view name;  ///< Without namespaces.
     const std::type_info* type;
-    const Class* (*superclass)() noexcept;            ///< Gives `nullptr` where none is described.
+    const Class* (*superclass)() noexcept;            ///< `nullptr` where none is described.
     std::span<const PropertyDescription> properties;  ///< In order of declaration, without the superclass's.
     std::shared_ptr<NSObject> (*create)();            ///< A new object; `nullptr` where none can be made.
 
     /// Whether this is `other` or derives from it.
-    [[nodiscard]] bool isSubclassOf(const Class& other) const noexcept;
+    [[nodiscard]] bool isSubclassOf(const Class& other) const noexcept {
+        // Most classes that differ have names of different lengths; comparing types compares longer names.
+        const bool isSame = this == &other || (name.size() == other.name.size() && *type == *other.type);
+        return isSame || (superclass != nullptr && superclass()->isSubclassOf(other));
+    }
 
     /// The property of that name on this class, else on the nearest class above it; `nullptr` where none
     /// declares one.

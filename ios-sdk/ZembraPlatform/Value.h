@@ -92,10 +92,14 @@ public:
     [[nodiscard]] static Value dictionary(std::initializer_list<Entry> entries);
 
     Value(const Value& other) noexcept : storage_(other.storage_) { retain(); }
-    Value(Value&& other) noexcept : storage_(std::exchange(other.storage_, Storage())) {}  // leaves nothing
+    Value(Value&& other) noexcept : storage_(other.storage_) { other.storage_ = {}; }  // leaves nothing
     Value& operator=(const Value& other) noexcept { return *this = Value(other); }
     Value& operator=(Value&& other) noexcept {
-        Value(std::move(other)).swap(*this);
+        // Not by swapping: halves written apart and read as a whole would stall the processor.
+        const Storage moved = other.storage_;
+        other.storage_ = {};
+        const Value old(storage_);
+        storage_ = moved;
         return *this;
     }
     constexpr ~Value() {

@@ -44,6 +44,13 @@ SERIES = [
     ("client's processor time of an exchange, by exchanges in flight",
      [f"InFlight/{count}" for count in (1, 10, 100, 1000)], "cpu", "µs", 1.2),
 ]
+# From text to objects: the peers, in the benchmarks' names, and the two that the aims name.
+PEERS = ["ZembraCoreSDK", "simdjson On-Demand, by hand", "simdjson DOM, by hand", "RapidJSON, by hand",
+         "Boost.JSON value_to", "nlohmann/json get"]
+SDK, BY_HAND, BY_LIST = PEERS[0], PEERS[2], PEERS[5]
+GROWTH = (1_000, 10_000, 100_000, 1_000_000)
+KEY_LENGTHS = (8, 14, 20, 32)
+
 SIZE_LIMIT = 400_000  # bytes, both libraries together
 # The charts: file, title, unit, and bars of label, benchmark and measure.
 CHARTS = [
@@ -52,6 +59,8 @@ CHARTS = [
         ("SDK, processor time", "Exchange/SDK", "cpu"), ("libcurl, processor time", "Exchange/libcurl", "cpu")]),
     ("bench-in-flight.svg", "Processor time of an exchange, by exchanges in flight", "µs", [
         (str(count), f"InFlight/{count}", "cpu") for count in (1, 10, 100, 1000)]),
+    ("bench-mapping.svg", "10,000 place records to objects, processor time", "ms", [
+        (peer, f"map/{peer}/10000", "cpu") for peer in PEERS]),
     ("bench-start.svg", "A process from its start to its end", "ms", [
         ("links the SDK", "Start/SDK", "time"), ("links libcurl", "Start/libcurl", "time"),
         ("links neither", "Start/empty", "time")]),
@@ -133,7 +142,7 @@ def series_rows(figures):
                    f"at most {limit} times the first: {verdict(ratio <= limit)} ({ratio:.2f})"]
 
 
-def markdown(figures, sizes, contexts):
+def markdown(figures, sizes, contexts, build):
     parts = [machine(contexts), "\n",
              table(["what", "SDK", "beside it", "ratio", "difference", "aim"], comparison_rows(figures)), "\n"]
     singles = [[what, f"{number(figures[name, measure], unit)} {unit}"] for what, name, measure, unit in SINGLES
@@ -146,6 +155,54 @@ def markdown(figures, sizes, contexts):
                     [[f"lib{name}.so", f"{size:,}", ""] for name, size in sdk.items()] +
                     [["both", f"{total:,}", f"under {SIZE_LIMIT:,}: {verdict(total < SIZE_LIMIT)}"],
                      ["libcurl.so, for comparison", f"{libcurl:,}", ""]]), "\n"]
+    parts += [mapping(figures, build)]
+    return "".join(parts)
+
+
+def mapping_rows(figures, count, memory):
+    for peer in PEERS:
+        mine = figures[f"map/{peer}/{count}", "cpu"]
+        yield [peer, f"{number(mine, 'us')} µs", f"{figures[f'map/{BY_LIST}/{count}', 'cpu'] / mine:.1f}",
+               f"{mine / figures[f'map/{BY_HAND}/{count}', 'cpu']:.2f}", *([f"{memory[peer]:.1f}"] if memory else [])]
+
+
+def mapping(figures, build):
+    """From JSON text to objects beside other libraries, and keys to names."""
+    if (f"map/{SDK}/10000", "cpu") not in figures:
+        return ""
+    program = build / "bench/zembra-mapping-memory"
+    memory = {peer: min(float(subprocess.run([program, peer], check=True, text=True, capture_output=True).stdout)
+                        for _ in range(3)) for peer in PEERS}
+
+    def aim(what, value, limit, is_least=False):
+        is_met = value >= limit if is_least else value <= limit
+        return [what, f"{value:.2f}", f"{'at least' if is_least else 'at most'} {limit}: {verdict(is_met)}"]
+
+    def time(name):
+        return figures[name, "cpu"]
+
+    growth = [time(f"growth/{SDK}/{count}") / count for count in GROWTH]
+    heads = ["processor time", "figure", "times as fast as nlohmann", "times simdjson DOM's"]
+    parts = ["10,000 records (6 MB) to objects:\n\n",
+             table([*heads, "peak memory above the text, MiB"], mapping_rows(figures, 10000, memory)),
+             "\n20 records (12 KB) to objects:\n\n", table(heads, mapping_rows(figures, 20, None)), "\n",
+             table(["records, by their number", *(f"{count:,}" for count in GROWTH), "aim"],
+                   [["processor time of one, by the SDK", *(f"{number(value, 'us')} µs" for value in growth),
+                     f"at most 1.15 times the first: {verdict(max(growth) <= 1.15 * growth[0])}"]]), "\n",
+             table(["what", "figure", "aim"], [
+                 aim("10,000 records, times as fast as nlohmann/json", time(f"map/{BY_LIST}/10000") / time(f"map/{SDK}/10000"), 6, True),
+                 aim("10,000 records, times simdjson DOM's time", time(f"map/{SDK}/10000") / time(f"map/{BY_HAND}/10000"), 1.4),
+                 aim("20 records, times as fast as nlohmann/json", time(f"map/{BY_LIST}/20") / time(f"map/{SDK}/20"), 5, True),
+                 aim("peak memory above the text, MiB", memory[SDK], 24),
+                 ["shuffled keys, times the same with keys in order",
+                  f"{time(f'shuffled keys/{SDK}/10000') / time(f'map/{SDK}/10000'):.2f} "
+                  f"(simdjson DOM {time(f'shuffled keys/{BY_HAND}/10000') / time(f'map/{BY_HAND}/10000'):.2f})", "no cliff"],
+                 ["a fifth of the keys missing, times the same with all",
+                  f"{time(f'missing keys/{SDK}/10000') / time(f'map/{SDK}/10000'):.2f} "
+                  f"(simdjson DOM {time(f'missing keys/{BY_HAND}/10000') / time(f'map/{BY_HAND}/10000'):.2f})", "no cliff"],
+                 *(aim(f"camelizing a key of {length} bytes, times copying it",
+                       time(f"keys/camelizedString/{length}") / time(f"keys/copy of the string/{length}"), 2)
+                   for length in KEY_LENGTHS)]), "\n"]
     return "".join(parts)
 
 
@@ -165,7 +222,8 @@ def chart(title, unit, bars):
     lines = []
     for index, (label, value) in enumerate(bars):
         y, width = top + index * row, bar_width * value / longest
-        colour = "#2b6cb0" if "libcurl" not in label and "neither" not in label else "#a0aec0"
+        is_other = any(word in label for word in ("libcurl", "neither", *PEERS[1:]))
+        colour = "#a0aec0" if is_other else "#2b6cb0"
         lines.append(f'<text x="{label_width - 8}" y="{y + 15}" text-anchor="end">{escape(label)}</text>'
                      f'<rect x="{label_width}" y="{y}" width="{width:.1f}" height="21" rx="2" fill="{colour}"/>'
                      f'<text x="{label_width + width + 6:.1f}" y="{y + 15}">{number(value * NANOSECONDS[unit], unit)} {unit}</text>')
@@ -179,7 +237,7 @@ def chart(title, unit, bars):
 def main(results, build, document):
     figures, contexts = best_figures(results)
     sizes = library_sizes(build)
-    text = markdown(figures, sizes, contexts)
+    text = markdown(figures, sizes, contexts, build)
     before, _, rest = document.read_text().partition(MARKS[0])
     _, _, after = rest.partition(MARKS[1])
     document.write_text(before + MARKS[0] + text + MARKS[1] + after)

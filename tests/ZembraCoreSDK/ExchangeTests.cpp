@@ -29,9 +29,8 @@ using sandbox::Exchange;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::IsNull;
-using ::testing::StartsWith;
+using ::testing::UnorderedElementsAre;
 
 /// What the callbacks of one call have received.
 struct Outcome {
@@ -50,18 +49,27 @@ struct Outcome {
 };
 using OutcomePtr = std::shared_ptr<Outcome>;
 
+OutcomePtr startRegistration() {
+    auto outcome = std::make_shared<Outcome>();
+    ZMBApplication::configureApplication([outcome](bool success, const NSErrorPtr& error) {
+        EXPECT_EQ(success, error == nullptr);
+        outcome->receive(error);
+    });
+    return outcome;
+}
+
+/// Drains the main queue until the call has its outcome, and then all that is still to come.
+Outcome await(const OutcomePtr& outcome) {
+    EXPECT_TRUE(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
+    MainQueue::shared().drain();
+    EXPECT_EQ(outcome->callbacks, 1);
+    EXPECT_TRUE(outcome->isOnMainThread);
+    return *outcome;
+}
+
 class ExchangeTest : public ::testing::Test {
 protected:
     ExchangeTest() { setHostBundle("sandbox.demo", "com.example.host"); }
-
-    static OutcomePtr startRegistration() {
-        auto outcome = std::make_shared<Outcome>();
-        ZMBApplication::configureApplication([outcome](bool success, const NSErrorPtr& error) {
-            EXPECT_EQ(success, error == nullptr);
-            outcome->receive(error);
-        });
-        return outcome;
-    }
 
     OutcomePtr startRefresh(std::string refreshToken) const {
         auto outcome = std::make_shared<Outcome>();
@@ -69,15 +77,6 @@ protected:
             std::move(refreshToken), [outcome](const Value& token) { outcome->receive(nullptr, token); },
             [outcome](const NSErrorPtr& error) { outcome->receive(error); });
         return outcome;
-    }
-
-    /// Drains the main queue until the call has its outcome, and then all that is still to come.
-    static Outcome await(const OutcomePtr& outcome) {
-        EXPECT_TRUE(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
-        MainQueue::shared().drain();
-        EXPECT_EQ(outcome->callbacks, 1);
-        EXPECT_TRUE(outcome->isOnMainThread);
-        return *outcome;
     }
 
     std::optional<std::string> authorization() const {
@@ -111,22 +110,19 @@ TEST_F(ExchangeTest, RegistrationSendsWhatThePlatformExpects) {
 }
 
 TEST_F(ExchangeTest, RefreshesCarryTheAppTokenOfTheirOwnCallAndNothingElseDoes) {
-    await(startRegistration());
-    const std::string firstToken = manager->token().text();
-    await(startRegistration());
-    const std::string secondToken = manager->token().text();
-    ASSERT_NE(firstToken, secondToken);
-
+    const auto appToken = [this] {
+        await(startRegistration());
+        return manager->token().text();
+    };
+    const std::string first = appToken(), second = appToken();
+    ASSERT_NE(first, second);
     manager->setBearerToken("of the host's own");
-    manager->setToken(firstToken);
-    std::vector<OutcomePtr> outcomes = {startRefresh("sandbox.member")};
-    manager->setToken(secondToken);
-    outcomes.push_back(startRefresh("sandbox.member"));
-    outcomes.push_back(startRegistration());
-    manager->setToken(firstToken);
-    outcomes.push_back(startRefresh("sandbox.member"));
-    outcomes.push_back(startRegistration());
-    EXPECT_EQ(authorization(), std::nullopt);
+    std::vector<OutcomePtr> outcomes;
+    for (const std::string& token : {first, second, first}) {
+        manager->setToken(token);
+        outcomes.push_back(startRefresh("sandbox.member"));
+        outcomes.push_back(startRegistration());
+    }
     for (const auto& outcome : outcomes)
         EXPECT_THAT(await(outcome).error, IsNull());
 
@@ -140,23 +136,18 @@ TEST_F(ExchangeTest, RefreshesCarryTheAppTokenOfTheirOwnCallAndNothingElseDoes) 
             bearers.push_back(exchange.header("Authorization").value_or("none"));
         }
     }
-    EXPECT_THAT(bearers, ::testing::UnorderedElementsAre("Bearer " + firstToken, "Bearer " + secondToken,
-                                                         "Bearer " + firstToken));
+    EXPECT_THAT(bearers, UnorderedElementsAre("Bearer " + first, "Bearer " + second, "Bearer " + first));
 }
 
 TEST_F(ExchangeTest, RefreshTokensOfAnyBytesArriveUnchanged) {
     await(startRegistration());
     const Value appToken = manager->token();
-    std::string allBytes;
-    for (int byte = 0; byte < 256; ++byte)
-        allBytes += static_cast<char>(byte);
-    std::string large;
-    for (std::size_t i = 0; large.size() < (1u << 20); ++i)
-        large += allBytes[i * 7 % 256];
-
-    for (const std::string& refreshToken : {std::string(), std::string("line\r\nbreak"), allBytes, large}) {
-        const OutcomePtr outcome = startRefresh(refreshToken);
-        EXPECT_THAT(await(outcome).error, IsAuthError(3, "internal_error")) << "the server does not know it";
+    std::string large;  // and of every byte
+    for (std::size_t i = 0; i < (1u << 20); ++i)
+        large += static_cast<char>(i * 7);
+    for (const std::string& refreshToken : {std::string(), std::string("line\r\nbreak"), large}) {
+        EXPECT_THAT(await(startRefresh(refreshToken)).error, IsAuthError(3, "internal_error"))
+            << "an unknown one";
         EXPECT_EQ(server.exchanges().back().parameter("refresh_token"), refreshToken);
     }
     EXPECT_EQ(manager->token(), appToken);
@@ -179,87 +170,60 @@ TEST_F(ExchangeTest, AppTokenThatNoHeaderCanCarryFailsOnceAndSendsNothing) {
 // Each way in which an exchange can end, crossed with what the caller sees.
 // -----------------------------------
 
-/// What is left of the two credentials after an exchange.
-enum class Credentials { kept, replaced };
+const struct {
+    ::testing::Matcher<NSErrorPtr> error;
+    bool isStored;  // by a registration; a refresh stores nothing
+    std::vector<std::string> inBoth, inRegistrations, inRefreshes;  // the sandbox's "sandbox.<name>"
+} kOutcomes[] = {
+    {IsNull(), true, {"slow", "null-token", "empty-token"}, {"demo"}, {"member"}},
+    {IsAuthError(3, "server_error"),
+     true,
+     {"no-token", "empty-body", "array", "string", "number"},
+     {"no-account-id"},
+     {}},
+    {IsAuthError(2, "app_unauthorized_error"), false, {"unauthorized"}, {}, {"expired"}},
+    {IsAuthError(3, "internal_error"), false, {"refused", "broken", "wrong-content-type"}, {}, {"unknown"}},
+    {IsError(NSJSONSerializationErrorDomain, NSJSONSerializationErrorMalformed), false, {"not-json"}, {}, {}},
+    {IsAuthError(0, "network_error"), false, {"truncated", "reset", "silent"}, {}, {}},
+};
+
+std::vector<std::string> joined(std::vector<std::string> names, const std::vector<std::string>& more) {
+    names.insert(names.end(), more.begin(), more.end());
+    return names;
+}
 
 TEST_F(ExchangeTest, EveryOutcomeOfARegistrationIsTold) {
-    const struct {
-        const char* clientId;
-        ::testing::Matcher<NSErrorPtr> error;
-        Credentials credentials;
-    } outcomes[] = {
-        {"sandbox.demo", IsNull(), Credentials::replaced},
-        {"sandbox.slow", IsNull(), Credentials::replaced},
-        {"sandbox.null-token", IsNull(), Credentials::replaced},
-        {"sandbox.empty-token", IsNull(), Credentials::replaced},
-        {"sandbox.no-token", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.no-account-id", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.empty-body", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.array", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.string", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.number", IsAuthError(3, "server_error"), Credentials::replaced},
-        {"sandbox.unauthorized", IsAuthError(2, "app_unauthorized_error"), Credentials::kept},
-        {"sandbox.refused", IsAuthError(3, "internal_error"), Credentials::kept},
-        {"sandbox.broken", IsAuthError(3, "internal_error"), Credentials::kept},
-        {"sandbox.wrong-content-type", IsAuthError(3, "internal_error"), Credentials::kept},
-        {"sandbox.not-json", IsError(NSJSONSerializationErrorDomain, NSJSONSerializationErrorMalformed),
-         Credentials::kept},
-        {"sandbox.truncated", IsAuthError(0, "network_error"), Credentials::kept},
-        {"sandbox.reset", IsAuthError(0, "network_error"), Credentials::kept},
-        {"sandbox.silent", IsAuthError(0, "network_error"), Credentials::kept},
-    };
-    for (const auto& [clientId, error, credentials] : outcomes) {
-        SCOPED_TRACE(clientId);
-        manager->setToken("earlier token");
-        manager->setAccountId("earlier account");
-        manager->setBearerToken("of the host's own");
-        setHostBundle(clientId, "com.example.host");
-        EXPECT_THAT(await(startRegistration()).error, error);
-        const bool isKept =
-            manager->token() == Value("earlier token") && manager->accountId() == Value("earlier account");
-        const bool isReplaced =
-            manager->token() != Value("earlier token") && manager->accountId() != Value("earlier account");
-        EXPECT_TRUE(credentials == Credentials::kept ? isKept : isReplaced);
-        EXPECT_EQ(authorization(), "Bearer of the host's own") << "a registration leaves the header alone";
+    const Value token = "earlier token", accountId = "earlier account";
+    for (const auto& [error, isStored, inBoth, inRegistrations, inRefreshes] : kOutcomes) {
+        for (const std::string& name : joined(inBoth, inRegistrations)) {
+            SCOPED_TRACE(name);
+            manager->setToken(token);
+            manager->setAccountId(accountId);
+            manager->setBearerToken("of the host's own");
+            setHostBundle("sandbox." + name, "com.example.host");
+            EXPECT_THAT(await(startRegistration()).error, error);
+            EXPECT_EQ(manager->token() != token, isStored);
+            EXPECT_EQ(manager->accountId() != accountId, isStored);
+            EXPECT_EQ(authorization(), "Bearer of the host's own")
+                << "a registration leaves the header alone";
+        }
     }
 }
 
 TEST_F(ExchangeTest, EveryOutcomeOfARefreshIsTold) {
-    const struct {
-        const char* refreshToken;
-        ::testing::Matcher<NSErrorPtr> error;
-    } outcomes[] = {
-        {"sandbox.member", IsNull()},
-        {"sandbox.slow", IsNull()},
-        {"sandbox.null-token", IsNull()},
-        {"sandbox.empty-token", IsNull()},
-        {"sandbox.no-token", IsAuthError(3, "server_error")},
-        {"sandbox.empty-body", IsAuthError(3, "server_error")},
-        {"sandbox.array", IsAuthError(3, "server_error")},
-        {"sandbox.string", IsAuthError(3, "server_error")},
-        {"sandbox.number", IsAuthError(3, "server_error")},
-        {"sandbox.unauthorized", IsAuthError(2, "app_unauthorized_error")},
-        {"sandbox.expired", IsAuthError(2, "app_unauthorized_error")},
-        {"sandbox.unknown", IsAuthError(3, "internal_error")},
-        {"sandbox.refused", IsAuthError(3, "internal_error")},
-        {"sandbox.broken", IsAuthError(3, "internal_error")},
-        {"sandbox.wrong-content-type", IsAuthError(3, "internal_error")},
-        {"sandbox.not-json", IsError(NSJSONSerializationErrorDomain, NSJSONSerializationErrorMalformed)},
-        {"sandbox.truncated", IsAuthError(0, "network_error")},
-        {"sandbox.reset", IsAuthError(0, "network_error")},
-        {"sandbox.silent", IsAuthError(0, "network_error")},
-    };
-    ASSERT_THAT(await(startRegistration()).error, IsNull());
+    await(startRegistration());
     const Value token = manager->token(), accountId = manager->accountId();
-    for (const auto& [refreshToken, error] : outcomes) {
-        SCOPED_TRACE(refreshToken);
-        manager->setBearerToken("of the host's own");
-        const Outcome outcome = await(startRefresh(refreshToken));
-        EXPECT_THAT(outcome.error, error);
-        EXPECT_EQ(outcome.memberToken.isNothing(), outcome.error != nullptr);
-        EXPECT_EQ(manager->token(), token);
-        EXPECT_EQ(manager->accountId(), accountId);
-        EXPECT_EQ(authorization(), std::nullopt);
+    for (const auto& [error, isStored, inBoth, inRegistrations, inRefreshes] : kOutcomes) {
+        for (const std::string& name : joined(inBoth, inRefreshes)) {
+            SCOPED_TRACE(name);
+            manager->setBearerToken("of the host's own");
+            const Outcome outcome = await(startRefresh("sandbox." + name));
+            EXPECT_THAT(outcome.error, error);
+            EXPECT_EQ(outcome.memberToken.isNothing(), outcome.error != nullptr);
+            EXPECT_EQ(manager->token(), token);
+            EXPECT_EQ(manager->accountId(), accountId);
+            EXPECT_EQ(authorization(), std::nullopt);
+        }
     }
     manager->setToken("a token that the server never gave out");
     EXPECT_THAT(await(startRefresh("sandbox.member")).error, IsAuthError(2, "app_unauthorized_error"));
@@ -296,14 +260,9 @@ void expectNetworkError(const std::string& address, const std::string& authority
     const auto manager = sharedManagerAt(address, authority);
     setHostBundle("sandbox.demo", "com.example.host");
     manager->setToken("earlier token");
-    int callbacks = 0;
-    NSErrorPtr error;
-    ZMBApplication::configureApplication([&](bool, const NSErrorPtr& received) {
-        ++callbacks;
-        error = received;
-    });
-    EXPECT_EQ(callbacks, 0) << "never inside the call";
-    ASSERT_TRUE(MainQueue::shared().runUntil([&] { return callbacks > 0; }, 30s));
+    const OutcomePtr outcome = startRegistration();
+    EXPECT_EQ(outcome->callbacks, 0) << "never inside the call";
+    const NSErrorPtr error = await(outcome).error;
     ASSERT_THAT(error, IsAuthError(0, "network_error"));
     EXPECT_THAT(error->userInfo()[NSUnderlyingErrorKey].as<NSError>(), IsError(NSURLErrorDomain, code));
     EXPECT_EQ(manager->token(), Value("earlier token"));

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -23,7 +24,7 @@ struct SystemAnswer {
     int calls = 0;
 } systemAnswer;
 
-std::string modelNameOf(const char* identifier) {
+std::string modelNameOf(const std::string& identifier) {
     systemAnswer = {identifier};
     return platfromString(UIDevice::currentDevice());
 }
@@ -72,80 +73,44 @@ TEST(HardwareString, IsWhatTheBufferHolds) {
 }
 
 TEST(PlatfromString, NamesTheModels) {
-    const struct {
-        const char* identifier;
-        const char* name;
-    } models[] = {
-        {"iPhone1,1", "iPhone 1G"},
-        {"iPhone1,2", "iPhone 3G"},
-        {"iPhone2,1", "iPhone 3GS"},
-        {"iPhone3,1", "iPhone 4"},
-        {"iPhone3,3", "Verizon iPhone 4"},
-        {"iPhone4,1", "iPhone 4S"},
-        {"iPhone5,1", "iPhone 5 (GSM)"},
-        {"iPhone5,2", "iPhone 5 (GSM+CDMA)"},
-        {"iPhone5,3", "iPhone 5c (GSM)"},
-        {"iPhone5,4", "iPhone 5c (GSM+CDMA)"},
-        {"iPhone6,1", "iPhone 5s (GSM)"},
-        {"iPhone6,2", "iPhone 5s (GSM+CDMA)"},
-        {"iPhone7,1", "iPhone 6 Plus"},
-        {"iPhone7,2", "iPhone 6"},
-        {"iPod1,1", "iPod Touch 1G"},
-        {"iPod2,1", "iPod Touch 2G"},
-        {"iPod3,1", "iPod Touch 3G"},
-        {"iPod4,1", "iPod Touch 4G"},
-        {"iPod5,1", "iPod Touch 5G"},
-        {"iPad1,1", "iPad"},
-        {"iPad2,1", "iPad 2 (WiFi)"},
-        {"iPad2,2", "iPad 2 (GSM)"},
-        {"iPad2,3", "iPad 2 (CDMA)"},
-        {"iPad2,4", "iPad 2 (WiFi)"},
-        {"iPad2,5", "iPad Mini (WiFi)"},
-        {"iPad2,6", "iPad Mini (GSM)"},
-        {"iPad2,7", "iPad Mini (GSM+CDMA)"},
-        {"iPad3,1", "iPad 3 (WiFi)"},
-        {"iPad3,2", "iPad 3 (GSM+CDMA)"},
-        {"iPad3,3", "iPad 3 (GSM)"},
-        {"iPad3,4", "iPad 4 (WiFi)"},
-        {"iPad3,5", "iPad 4 (GSM)"},
-        {"iPad3,6", "iPad 4 (GSM+CDMA)"},
-        {"iPad4,1", "iPad Air (WiFi)"},
-        {"iPad4,2", "iPad Air (Cellular)"},
-        {"iPad4,4", "iPad mini 2G (WiFi)"},
-        {"iPad4,5", "iPad mini 2G (Cellular)"},
-        {"i386", "Simulator"},
-        {"x86_64", "Simulator"},
-        // No rows of the table:
-        {"iPhone3,2", "Unknow Model iPhone3,2"},
-        {"iPad4,3", "Unknow Model iPad4,3"},
-        {"iPad4,6", "Unknow Model iPad4,6"},
-        {"iphone7,2", "Unknow Model iphone7,2"},
-        {"aarch64", "Unknow Model aarch64"},
-        {"", "Unknow Model "},
-        {"\xC3", "Unknow Model (null)"},
-    };
-    for (const auto& [identifier, name] : models)
+    std::istringstream models(
+        "iPhone1,1 iPhone 1G|iPhone1,2 iPhone 3G|iPhone2,1 iPhone 3GS|iPhone3,1 iPhone 4|"
+        "iPhone3,3 Verizon iPhone 4|iPhone4,1 iPhone 4S|iPhone5,1 iPhone 5 (GSM)|"
+        "iPhone5,2 iPhone 5 (GSM+CDMA)|iPhone5,3 iPhone 5c (GSM)|iPhone5,4 iPhone 5c (GSM+CDMA)|"
+        "iPhone6,1 iPhone 5s (GSM)|iPhone6,2 iPhone 5s (GSM+CDMA)|iPhone7,1 iPhone 6 Plus|"
+        "iPhone7,2 iPhone 6|iPod1,1 iPod Touch 1G|iPod2,1 iPod Touch 2G|iPod3,1 iPod Touch 3G|"
+        "iPod4,1 iPod Touch 4G|iPod5,1 iPod Touch 5G|iPad1,1 iPad|iPad2,1 iPad 2 (WiFi)|"
+        "iPad2,2 iPad 2 (GSM)|iPad2,3 iPad 2 (CDMA)|iPad2,4 iPad 2 (WiFi)|iPad2,5 iPad Mini (WiFi)|"
+        "iPad2,6 iPad Mini (GSM)|iPad2,7 iPad Mini (GSM+CDMA)|iPad3,1 iPad 3 (WiFi)|"
+        "iPad3,2 iPad 3 (GSM+CDMA)|iPad3,3 iPad 3 (GSM)|iPad3,4 iPad 4 (WiFi)|iPad3,5 iPad 4 (GSM)|"
+        "iPad3,6 iPad 4 (GSM+CDMA)|iPad4,1 iPad Air (WiFi)|iPad4,2 iPad Air (Cellular)|"
+        "iPad4,4 iPad mini 2G (WiFi)|iPad4,5 iPad mini 2G (Cellular)|i386 Simulator|x86_64 Simulator|");
+    int count = 0;
+    for (std::string identifier, name;
+         std::getline(models, identifier, ' ') && std::getline(models, name, '|'); ++count)
         EXPECT_EQ(modelNameOf(identifier), name);
+    EXPECT_EQ(count, 39);
+    for (const std::string identifier : {"iPhone3,2", "iPad4,3", "iPad4,6", "iphone7,2", "aarch64", ""})
+        EXPECT_EQ(modelNameOf(identifier), "Unknow Model " + identifier);
+    EXPECT_EQ(modelNameOf("\xC3"), "Unknow Model (null)");
 }
 
-std::string userAgentFor(const char* identifier) {
+/// The raw identifier as the shared manager of a process shows it; CTest runs each test in one of its own.
+void expectUserAgentWith(const char* identifier, const char* end) {
     systemAnswer = {identifier};
     auto& requests = ZMBSDKAuthManager::sharedManager()->authClient()->requestSerializer();
-    return requests.valueForHTTPHeaderField("User-Agent").value_or("");
+    EXPECT_THAT(requests.valueForHTTPHeaderField("User-Agent").value_or(""), EndsWith(end));
+    EXPECT_EQ(requests.valueForHTTPHeaderField("X-SDK-Version"), "iOS v(null) Core") << "an absent version";
 }
 
-TEST(RequestHeaders, CarryTheRawIdentifierAndShowAnAbsentVersion) {
-    EXPECT_THAT(userAgentFor("iPad4,1"), EndsWith(" iPad4,1"));
-    auto& requests = ZMBSDKAuthManager::sharedManager()->authClient()->requestSerializer();
-    EXPECT_EQ(requests.valueForHTTPHeaderField("X-SDK-Version"), "iOS v(null) Core");
+TEST(RequestHeaders, CarryTheRawIdentifier) {
+    expectUserAgentWith("iPad4,1", ") iPad4,1");
 }
-
 TEST(RequestHeaders, ShowAnAbsentIdentifier) {
-    EXPECT_THAT(userAgentFor("\xFF"), EndsWith(" (null)"));
+    expectUserAgentWith("\xFF", ") (null)");
 }
-
 TEST(RequestHeaders, KeepTheSpaceBeforeAnEmptyIdentifier) {
-    EXPECT_THAT(userAgentFor(""), EndsWith(") "));
+    expectUserAgentWith("", ") ");
 }
 
 }  // namespace

@@ -1,32 +1,10 @@
 # cmake -DCOMPILER=<path> -DINCLUDE=<directory> -P WrongDeclarations.cmake
 #
-# Compiles WrongDeclarations.cpp with each fault in turn: the compiler must report one error, with the right text.
-set(ownLine "a class with properties must start with ZMB_DATA_OBJECT")
-set(baseClass "ZMB_DATA_OBJECT must name the data-object class that this one derives from")
-set(propertyType "a property is a tag such as NSString, a Value, a scalar or a class that is complete")
-set(arrayHook "the hook is: zembra::Value arrayPropertyForKey")
-set(faults
-    "" # none
-    "${ownLine}"
-    "${ownLine}"
-    "ZMB_DATA_OBJECT must name the class that it stands in"
-    "${baseClass}"
-    "${baseClass}"
-    "${baseClass}"
-    "${propertyType}"
-    "${propertyType}"
-    "${propertyType}"
-    "the name of a property must be ASCII"
-    "${arrayHook}"
-    "${arrayHook}"
-    "the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter"
-    "${baseClass}")
-
-set(number 0)
-foreach(expected IN LISTS faults)
+# Compiles WrongDeclarations.cpp with each declaration in turn: the compiler must report one error, with the right text.
+function(check expected declaration)
     execute_process(
-        COMMAND "${COMPILER}" -std=c++20 -fsyntax-only "-I${INCLUDE}" -DFAULT=${number}
-                "${CMAKE_CURRENT_LIST_DIR}/WrongDeclarations.cpp"
+        COMMAND "${COMPILER}" -std=c++20 -fsyntax-only "-I${INCLUDE}" "-DDECLARATION=${declaration}"
+                "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/WrongDeclarations.cpp"
         ERROR_VARIABLE output
         RESULT_VARIABLE result)
     string(REPLACE ";" "," output "${output}")
@@ -34,12 +12,42 @@ foreach(expected IN LISTS faults)
     # Of a class that is no data object at all, that it does not override anything is the second error.
     list(FILTER errors EXCLUDE REGEX "override")
     list(LENGTH errors errorCount)
-    if(expected STREQUAL "")
-        if(NOT result EQUAL 0)
-            message(SEND_ERROR "the right declaration does not compile:\n${output}")
-        endif()
-    elseif(NOT errorCount EQUAL 1 OR NOT errors MATCHES "${expected}")
-        message(SEND_ERROR "fault ${number}: expected the one error \"${expected}\", not:\n${output}")
+    if(expected STREQUAL "none" AND result EQUAL 0)
+        return()
     endif()
-    math(EXPR number "${number} + 1")
+    if(NOT errorCount EQUAL 1 OR NOT errors MATCHES "${expected}")
+        message(SEND_ERROR "${declaration}: expected \"${expected}\", not:\n${output}")
+    endif()
+endfunction()
+
+# A class named Model of that base; its first line and the rest.
+function(check_model expected base line)
+    check("${expected}" "class Model : public ${base} { ${line} ${ARGN} };")
+endfunction()
+
+set(line "ZMB_DATA_OBJECT(Model, Middle)")
+check_model("none" Middle "${line}" "ZMB_PROPERTY(NSString, name);")
+
+set(expected "a class with properties must start with ZMB_DATA_OBJECT")
+check_model("${expected}" Middle "ZMB_PROPERTY(NSString, name);")
+check_model("${expected}" QVDataObject "ZMB_PROPERTY(NSString, name);")
+
+check_model("ZMB_DATA_OBJECT must name the class that it stands in" Middle "ZMB_DATA_OBJECT(Middle, Base)")
+
+set(expected "ZMB_DATA_OBJECT must name the data-object class that this one derives from")
+check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, Base)")
+check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, std::string)")
+check_model("${expected}" Lineless "ZMB_DATA_OBJECT(Model, Lineless)")
+check_model("${expected}" std::string "ZMB_DATA_OBJECT(Model, std::string)")
+
+set(expected "a property is a tag such as NSString, a Value, a scalar or a class that is complete")
+foreach(type IN ITEMS Lineless Incomplete std::string)
+    check_model("${expected}" Middle "${line}" "ZMB_PROPERTY(${type}, other);")
 endforeach()
+check_model("the name of a property must be ASCII" Middle "${line}" "ZMB_PROPERTY(NSString, größe);")
+
+set(expected "the hook is: zembra::Value arrayPropertyForKey")
+check_model("${expected}" Middle "${line}" "Value arrayPropertyForKey(const Value& values);")
+check_model("${expected}" Middle "${line}" "bool arrayPropertyForKey(std::string_view key, const Value& values);")
+check_model("the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter" Middle "${line}"
+            "Value dateFormatter() const;")

@@ -20,8 +20,8 @@ struct Reply {
 
 struct Call {
     std::string url;
-    std::string authority;  ///< PEM text.
-    std::string form;
+    std::string authority = {};  ///< PEM text.
+    std::string form = {};
     std::string method = "POST";
     std::vector<std::string> headers = {};
     long timeoutMilliseconds = 20000;

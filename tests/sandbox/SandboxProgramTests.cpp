@@ -51,20 +51,14 @@ public:
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
 
-    /// The next line without its end; empty at the end of the output.
-    std::string line() {
+    /// What comes before the next `end`, or else all the rest.
+    std::string line(int end = '\n') {
         std::string text;
-        for (int next = fgetc(output_); next != EOF && next != '\n'; next = fgetc(output_)) {
-            text += static_cast<char>(next);
-        }
-        return text;
-    }
-    std::string rest() {
-        std::string text;
-        for (int next = fgetc(output_); next != EOF; next = fgetc(output_))
+        for (int next = fgetc(output_); next != EOF && next != end; next = fgetc(output_))
             text += static_cast<char>(next);
         return text;
     }
+    std::string rest() { return line(EOF); }
     void signal(int number) { kill(process_, number); }
 
     /// The exit status; -1 where a signal ended it.
@@ -128,14 +122,10 @@ TEST(SandboxProgram, TakesAPortAndAFile) {
 }
 
 TEST(SandboxProgram, RefusesAWrongUsage) {
-    for (const std::vector<std::string>& arguments :
-         std::vector<std::vector<std::string>>{{"--port"},
-                                               {"--port", "0"},
-                                               {"--port", "65536"},
-                                               {"--port", "80x"},
-                                               {"--ca-file"},
-                                               {"--what"},
-                                               {"x"}}) {
+    const std::vector<std::string> usages[] = {
+        {"--port"}, {"--port", "0"}, {"--port", "65536"}, {"--port", "80x"}, {"--ca-file"}, {"--what"},
+        {"x"}};
+    for (const auto& arguments : usages) {
         Program program(arguments);
         EXPECT_THAT(program.rest(), AllOf(HasSubstr("zembra-sandbox: "), HasSubstr(arguments.front())));
         EXPECT_EQ(program.status(), 2);
@@ -147,10 +137,7 @@ TEST(SandboxProgram, ListsTheOutcomesInItsHelpAndItsReadme) {
     EXPECT_THAT(program.rest(),
                 AllOf(HasSubstr("--ca-file PATH"), HasSubstr(SandboxServer::outcomeTables())));
     EXPECT_EQ(program.status(), 0);
-    const std::string readme = contents(ZEMBRA_SANDBOX_README);
-    EXPECT_NE(readme.find(SandboxServer::outcomeTables()), std::string::npos)
-        << "the README needs these tables:\n"
-        << SandboxServer::outcomeTables();
+    EXPECT_THAT(contents(ZEMBRA_SANDBOX_README), HasSubstr(SandboxServer::outcomeTables()));
 }
 
 }  // namespace

@@ -49,36 +49,24 @@ Value responseWithStatus(NSInteger status) {
 
 TEST(ErrorCatalogue, HasFourCodesAndFiveMessageKeys) {
     const NSErrorPtr transportError = makeError(NSURLErrorDomain);
+    EXPECT_EQ(
+        sdkAuthNetworkError(transportError)->userInfo(),
+        Value::dictionary({{"error message", "network_error"}, {NSUnderlyingErrorKey, transportError}}));
     EXPECT_THAT(sdkAuthNetworkError(transportError), IsAuthError(0, "network_error"));
     EXPECT_THAT(sdkAuthWrongInformationError(), IsAuthError(1, "wrong_information"));
     EXPECT_THAT(sdkAuthUnauthorizedError(), IsAuthError(2, "app_unauthorized_error"));
     EXPECT_THAT(sdkAuthServerSideError(), IsAuthError(3, "server_error"));
-    EXPECT_THAT(ZMBCoreErrorWithResponse(nullptr, responseWithStatus(500)), IsAuthError(3, "internal_error"));
-
     EXPECT_STREQ(ZMBSDKErrorDomainAuth, "ZMBSDKErrorDomainAuth");
-    EXPECT_STREQ(kZMBSDKErrorInfoKey, "error message");
     EXPECT_EQ(sdkAuthWrongInformationError()->userInfo().count(), 1u);
-}
-
-TEST(ErrorCatalogue, NetworkErrorKeepsTheVeryTransportError) {
-    const NSErrorPtr transportError = makeError(NSURLErrorDomain);
-    const NSErrorPtr error = sdkAuthNetworkError(transportError);
-    EXPECT_EQ(error->userInfo().count(), 2u);
-    EXPECT_EQ(error->userInfo()[NSUnderlyingErrorKey].as<NSError>(), transportError);
 }
 
 TEST(ErrorFactory, TakesAnyCodeAndLetsTheCallersEntriesWin) {
     EXPECT_THAT(authErrorWithCode(-12345, "some_key"), IsAuthError(-12345, "some_key"));
     EXPECT_THAT(authErrorWithCode(3, std::nullopt), IsAuthError(3, ""));
-    EXPECT_THAT(authErrorWithCode(3, ""), IsAuthError(3, ""));
-
-    const auto own = authErrorWithCode(
-        3, "server_error", Value::dictionary({{"error message", "a text of my own"}, {"attempt", 2}}));
-    EXPECT_EQ(own->userInfo(), Value::dictionary({{"error message", "a text of my own"}, {"attempt", 2}}));
-
-    const auto null =
-        authErrorWithCode(3, "server_error", Value::dictionary({{"error message", Value::null()}}));
-    EXPECT_TRUE(null->userInfo()[kZMBSDKErrorInfoKey].isNull());
+    for (const Value& message : {Value("a text of my own"), Value::null()}) {
+        const Value own = Value::dictionary({{"error message", message}, {"attempt", 2}});
+        EXPECT_EQ(authErrorWithCode(3, "server_error", own)->userInfo(), own);
+    }
 }
 
 TEST(ErrorFactory, UsesTheClassAndTheBundleOfTheReceivingType) {
@@ -87,54 +75,37 @@ TEST(ErrorFactory, UsesTheClassAndTheBundleOfTheReceivingType) {
     EXPECT_THAT(sdkAuthUnauthorizedError<ModuleError>(), IsAuthError(2, "app_unauthorized_error"));
     // A bundle is stated by each class for itself.
     EXPECT_THAT(sdkAuthServerSideError<DerivedModuleError>(), IsAuthError(3, "server_error"));
-    EXPECT_EQ(NSBundle::bundleForClass<DerivedModuleError>(), NSBundle::mainBundle());
-}
-
-TEST(ErrorMapping, TellsNetworkErrorsByDomainAlone) {
-    EXPECT_TRUE(isNetworkError(makeError(NSURLErrorDomain)));
-    EXPECT_TRUE(isNetworkError(makeError(kCFErrorDomainCFNetwork)));
-    EXPECT_FALSE(isNetworkError(makeError("nsurlerrordomain")));
-    EXPECT_FALSE(isNetworkError(makeError(ZMBSDKErrorDomainAuth)));
-    EXPECT_FALSE(isNetworkError(nullptr));
 }
 
 TEST(ErrorMapping, TriesItsRowsInOrder) {
-    constexpr const char* kResponseKey = AFNetworkingOperationFailingURLResponseErrorKey;
+    constexpr const char* kResponse = AFNetworkingOperationFailingURLResponseErrorKey;
     const NSErrorPtr cause = makeError("cause");
-
     for (const char* domain : {NSURLErrorDomain, kCFErrorDomainCFNetwork}) {
-        const NSErrorPtr error =
-            makeError(domain, Value::dictionary({{kResponseKey, responseWithStatus(401)}}));
+        const NSErrorPtr error = makeError(domain, Value::dictionary({{kResponse, responseWithStatus(401)}}));
         const NSErrorPtr mapped = ZMBAuthError(error);
+        EXPECT_TRUE(isNetworkError(error));
         EXPECT_THAT(mapped, IsAuthError(0, "network_error")) << domain;
-        EXPECT_EQ(mapped->userInfo()[NSUnderlyingErrorKey].as<NSError>(), error) << domain;
+        EXPECT_EQ(mapped->userInfo()[NSUnderlyingErrorKey].as<NSError>(), error) << "the very error";
     }
+    EXPECT_FALSE(isNetworkError(makeError("nsurlerrordomain")));
+    EXPECT_FALSE(isNetworkError(nullptr));
 
-    const struct {
-        Value response;
-        NSInteger code;
-        const char* message;
-    } responses[] = {
-        {responseWithStatus(401), 2, "app_unauthorized_error"},
-        {responseWithStatus(403), 3, "internal_error"},
-        {responseWithStatus(500), 3, "internal_error"},
-        {responseWithStatus(200), 3, "internal_error"},
-        {Value::null(), 3, "internal_error"},
-        {401, 3, "internal_error"},
-    };
-    for (const auto& [response, code, message] : responses) {
-        const NSErrorPtr mapped = ZMBAuthError(makeError(
-            "client", Value::dictionary({{kResponseKey, response}, {NSUnderlyingErrorKey, cause}})));
-        EXPECT_THAT(mapped, IsAuthError(code, message)) << response;
+    EXPECT_THAT(ZMBAuthError(makeError("client", Value::dictionary({{kResponse, responseWithStatus(401)},
+                                                                    {NSUnderlyingErrorKey, cause}}))),
+                IsAuthError(2, "app_unauthorized_error"));
+    for (const Value& response : {responseWithStatus(403), responseWithStatus(500), responseWithStatus(200),
+                                  Value::null(), Value(401)}) {
+        const NSErrorPtr mapped = ZMBAuthError(
+            makeError("client", Value::dictionary({{kResponse, response}, {NSUnderlyingErrorKey, cause}})));
+        EXPECT_THAT(mapped, IsAuthError(3, "internal_error")) << response;
         EXPECT_EQ(mapped->userInfo().count(), 1u) << response;
     }
+    EXPECT_THAT(ZMBCoreErrorWithResponse(nullptr, responseWithStatus(500)), IsAuthError(3, "internal_error"));
 
     EXPECT_EQ(ZMBAuthError(makeError("client", Value::dictionary({{NSUnderlyingErrorKey, cause}}))), cause);
-    EXPECT_THAT(ZMBAuthError(makeError("client", Value::dictionary({{NSUnderlyingErrorKey, "no error"}}))),
-                IsNull());
-    EXPECT_THAT(ZMBAuthError(makeError("client", Value::dictionary({{"other", 1}}))), IsNull());
-    EXPECT_THAT(ZMBAuthError(makeError("client", Value::dictionary({}))), IsNull());
-
+    for (const Value& userInfo : {Value::dictionary({{NSUnderlyingErrorKey, "no error"}}),
+                                  Value::dictionary({{"other", 1}}), Value::dictionary({})})
+        EXPECT_THAT(ZMBAuthError(makeError("client", userInfo)), IsNull()) << userInfo;
     const NSErrorPtr bare = makeError("client");
     EXPECT_EQ(ZMBAuthError(bare), bare);
     EXPECT_THAT(ZMBAuthError(nullptr), IsNull());

@@ -71,17 +71,13 @@ private:
 // --------------------------------------------------------------------------------------------------------
 
 TEST(QVDataObjectTests, OnlyDictionariesMakeObjects) {
-    for (const Value& json :
-         {Value(), Value::null(), JSON("[]"), JSON("[{}]"), JSON("\"x\""), JSON("1"), JSON("true")})
-        EXPECT_EQ(Place::objectWithJSON(json), nullptr) << json;
-
+    for (const char* json : {"null", "[]", "[{}]", "\"x\"", "1", "true"})
+        EXPECT_EQ(Place::objectWithJSON(JSON(json)), nullptr) << json;
+    EXPECT_EQ(Place::objectWithJSON({}), nullptr);
     const auto place = Place::objectWithJSON(JSON("{}"));
     ASSERT_NE(place, nullptr);
     EXPECT_TRUE(place->name.value().isNothing());
-    EXPECT_EQ(place->ownerInfo.get(), nullptr);
     EXPECT_EQ(place->visits, 0);
-    EXPECT_FALSE(place->isOpen);
-    EXPECT_EQ(place->className(), "Place");
 }
 
 TEST(QVDataObjectTests, AssignsAsTheRulesSay) {
@@ -141,61 +137,47 @@ TEST(QVDataObjectTests, AssignsAsTheRulesSay) {
 
 TEST(QVDataObjectTests, ScalarsAreNeverAssigned) {
     const auto place = Place::objectWithJSON(JSON(R"({"visits": 5, "is_open": true, "isOpen": true})"));
-    EXPECT_EQ(place->visits, 0);
-    EXPECT_FALSE(place->isOpen);
-    EXPECT_EQ(place->dataObjectClassForKey("visits"), nullptr);
     place->setPropertyValue(5, "visits", NSNumber::staticClass());
     place->setPropertyValue(5, "noSuchName", NSNumber::staticClass());
     EXPECT_EQ(place->visits, 0);
+    EXPECT_FALSE(place->isOpen);
     // Asked for by name, a plain value takes anything.
     place->setPropertyValue(5, "anything", NSNumber::staticClass());
     EXPECT_EQ(place->anything, Value(5));
 }
 
-TEST(QVDataObjectTests, DictionariesBecomeNestedObjects) {
-    const auto place = Place::objectWithJSON(JSON(
-        R"({"owner_info": {"first_name": "Ann", "home": {"name": "Elm"},
-                           "places": [{"name": "a"}, 1, null, [], {"name": "b"}], "firstName": null, "x": [1]}})"));
-    ASSERT_TRUE(place->ownerInfo);
-    EXPECT_TRUE(place->ownerInfo->firstName.value().isNothing()) << "null stands under the camelized name";
-    EXPECT_EQ(place->ownerInfo->home->name.get(), "Elm");
-    std::vector<std::string> names;
-    for (const std::shared_ptr<Place>& each : place->ownerInfo->places.objects<Place>())
-        names.emplace_back(*each->name.get());
-    EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
-    EXPECT_TRUE(place->ownerInfo->places.objects<Owner>().empty());
+TEST(QVDataObjectTests, DictionariesBecomeNestedObjectsAndConsumeOnlyWhatNobodyElseHolds) {
+    const std::string text =
+        R"({"owner_info": {"first_name": "a name of some length", "home": {"name": "Elm"},
+        "places": [{"name": "a"}, 1, null, [], {"name": "b"}], "x": [1]}})";
+    const Value kept = JSON(text);
+    for (const auto& place : {Place::objectWithJSON(kept), Place::objectWithJSON(JSON(text))}) {
+        ASSERT_TRUE(place->ownerInfo);
+        EXPECT_EQ(place->ownerInfo->firstName.get(), "a name of some length");
+        EXPECT_EQ(place->ownerInfo->home->name.get(), "Elm");
+        std::string names;
+        for (const std::shared_ptr<Place>& each : place->ownerInfo->places.objects<Place>())
+            names += *each->name.get();
+        EXPECT_EQ(names, "ab");
+        EXPECT_TRUE(place->ownerInfo->places.objects<Owner>().empty());
+    }
+    EXPECT_EQ(kept, JSON(text));
 }
 
 TEST(QVDataObjectTests, ArraysOfObjects) {
     EXPECT_EQ(Place::objectsWithArrayOfJSON({}), std::nullopt);
-    for (const Value& none :
-         {JSON("[]"), JSON("[1, \"a\", null, [{}]]"), JSON("{}"), Value::null(), Value("x")})
-        EXPECT_TRUE(Place::objectsWithArrayOfJSON(none).value().empty()) << none;
+    for (const char* none : {"[]", "[1, \"a\", null, [{}]]", "{}", "null", "\"x\""})
+        EXPECT_TRUE(Place::objectsWithArrayOfJSON(JSON(none)).value().empty()) << none;
 
-    const Value array = JSON(R"([{"name": "a"}, 1, {"name": "b"}, null, {}])");
-    for (Value given : {array, JSON(NSJSONSerialization::dataWithJSONObject(array))}) {
-        auto places = Place::objectsWithArrayOfJSON(std::move(given)).value();
+    const char* const text = R"([{"name": "a"}, 1, {"name": "b"}, null, {}])";
+    const Value kept = JSON(text);
+    for (Value given : {kept, JSON(text)}) {
+        const auto places = Place::objectsWithArrayOfJSON(std::move(given)).value();
         ASSERT_EQ(places.size(), 3U);
         EXPECT_EQ(places[0]->name.get(), "a");
         EXPECT_EQ(places[1]->name.get(), "b");
-        EXPECT_TRUE(places[2]->name.value().isNothing());
-        places.push_back(nullptr);  // the caller's own
     }
-    EXPECT_EQ(array[0]["name"], Value("a")) << "what others hold stays as it is";
-}
-
-TEST(QVDataObjectTests, ConsumesOnlyWhatNobodyElseHolds) {
-    const std::string text = R"({"display_name": "long enough to be counted", "tags": [1, 2],
-                                 "owner_info": {"first_name": "also long enough to be counted"}})";
-    const Value kept = JSON(text);
-    const auto copied = Place::objectWithJSON(kept);
     EXPECT_EQ(kept, JSON(text));
-    const auto moved = Place::objectWithJSON(JSON(text));
-    for (const auto& place : {copied, moved}) {
-        EXPECT_EQ(place->displayName.get(), "long enough to be counted");
-        EXPECT_EQ(place->tags.elements().size(), 2U);
-        EXPECT_EQ(place->ownerInfo->firstName.get(), "also long enough to be counted");
-    }
 }
 
 // Hooks
@@ -266,17 +248,17 @@ TEST(QVDataObjectTests, AsksForAFormatterForEachStringOfADateProperty) {
 }
 
 TEST(QVDataObjectTests, AsksTheArrayHookForEveryArrayOutsideDataObjects) {
-    for (const auto& [replacement, assigned] : {std::pair{Value(), Value::array({})},
-                                                {Value("no array"), Value::array({})},
-                                                {Value::array({"x", 2}), Value::array({"x", 2})}}) {
+    const Value empty = Value::array({}), other = Value::array({"x", 2});
+    for (const auto& [replacement, assigned] :
+         {std::pair(Value(), empty), {"no array", empty}, {other, other}}) {
         Concert event;
         event.replacement = replacement;
-        ASSERT_TRUE(event.initWithJSON(JSON(
-            R"({"guests": [1], "starts_at": [2], "title": [3], "host": [4], "unknown": [5], "doors_open_at": []})")));
-        EXPECT_EQ(event.arrayKeys, (std::vector<std::string>{"guests", "startsAt", "title", "doorsOpenAt"}));
-        for (const PropertyHolder* holder :
-             std::initializer_list<const PropertyHolder*>{&event.guests, &event.startsAt, &event.title})
-            EXPECT_EQ(holder->value(), assigned);
+        ASSERT_TRUE(event.initWithJSON(
+            JSON(R"({"guests": [1], "starts_at": [2], "title": [3], "host": [4], "unknown": [5]})")));
+        EXPECT_EQ(event.arrayKeys, (std::vector<std::string>{"guests", "startsAt", "title"}));
+        EXPECT_EQ(event.guests.value(), assigned);
+        EXPECT_EQ(event.startsAt.value(), assigned);
+        EXPECT_EQ(event.title.value(), assigned);
         EXPECT_TRUE(event.host.value().isNothing());
         EXPECT_TRUE(event.Event::title.value().isNothing()) << "the nearest declaration of a name counts";
     }
@@ -335,15 +317,11 @@ TEST(QVDataObjectTests, OverridesChangeTheMapping) {
 
 TEST(ObjectRuntimeTests, DescribesClasses) {
     const Class& festival = Festival::staticClass();
-    EXPECT_EQ(festival.name, "Festival");
-    EXPECT_TRUE(festival.properties.empty());
     EXPECT_EQ(festival.superclass(), &Concert::staticClass());
     EXPECT_TRUE(festival.isSubclassOf(Event::staticClass()));
-    EXPECT_TRUE(festival.isSubclassOf(QVDataObject::staticClass()));
     EXPECT_FALSE(festival.isSubclassOf(Place::staticClass()));
     EXPECT_FALSE(Event::staticClass().isSubclassOf(festival));
     EXPECT_FALSE(NSDate::staticClass().isSubclassOf(NSString::staticClass()));
-    EXPECT_EQ(&Festival().dynamicClass(), &festival);
 
     Festival event;
     EXPECT_EQ(event.dataObjectClassForKey("doorsOpenAt"), &NSDate::staticClass());
@@ -352,31 +330,22 @@ TEST(ObjectRuntimeTests, DescribesClasses) {
     for (const std::string_view name : {"", "Title", "titl", "title ", "größe"})
         EXPECT_EQ(event.dataObjectClassForKey(name), nullptr) << name;
     EXPECT_EQ(Place().dataObjectClassForKey("anything"), nullptr);
-    EXPECT_EQ(Place().dataObjectClassForKey("id"), &NSString::staticClass());
-
-    // A description is another one in each shared library: what counts is the type.
-    const Class copy = Concert::staticClass();
-    EXPECT_TRUE(festival.isSubclassOf(copy));
+    EXPECT_EQ(Place().dataObjectClassForKey("visits"), nullptr);
 }
 
 TEST(ObjectRuntimeTests, TypedReadingAnswersNothingForOtherClasses) {
-    Place place;
     for (const Value& value :
-         {Value(), Value::null(), Value("text"), Value(5), Value(2.5), Value(true), JSON("[1]"), JSON("{}"),
+         {Value(), Value::null(), Value("text"), Value(2.5), Value(true), JSON("[1]"), JSON("{}"),
           Value(day(2024, 1, 1)), Value(std::make_shared<Owner>()), Value(std::make_shared<Place>())}) {
-        place.name = value;
-        place.rating = value;
-        place.createdAt = value;
-        place.tags = value;
-        place.openingHours = value;
-        place.ownerInfo = value;
+        Place place;
+        for (const PropertyDescription& property : Place::staticClass().properties)
+            if (Value* const storage = property.storage(place)) *storage = value;
         EXPECT_EQ(place.name.get().has_value(), value.isString()) << value;
         EXPECT_EQ(place.rating.get().has_value(), value.isNumber() || value.isBoolean()) << value;
         EXPECT_EQ(place.createdAt.get().has_value(), value.isDate()) << value;
         EXPECT_EQ(place.tags.get(), value.isArray() ? value : Value());
         EXPECT_EQ(place.openingHours.get(), value.isDictionary() ? value : Value());
         EXPECT_EQ(static_cast<bool>(place.ownerInfo), value.as<Owner>() != nullptr) << value;
-        EXPECT_EQ(place.tags.value(), value);
     }
 }
 
@@ -398,32 +367,15 @@ TEST(ObjectRuntimeTests, NumbersAreReadAsWhatIsAskedFor) {
     EXPECT_EQ(place.rating.get<int>(), 1);
 }
 
-TEST(ObjectRuntimeTests, ObjectsCopyAndMoveLikeValues) {
-    Place place;
-    place.name = "before";
-    place.visits = 3;
-    place.ownerInfo = std::make_shared<Owner>();
-    Place copy = place;
-    copy.name = "after";
-    EXPECT_EQ(place.name.get(), "before");
-    EXPECT_EQ(copy.ownerInfo.get(), place.ownerInfo.get());
-    const Place moved = std::move(copy);
-    EXPECT_EQ(moved.name.get(), "after");
-    EXPECT_EQ(moved.visits, 3);
-    place = moved;
-    EXPECT_EQ(place.name.get(), "after");
-    place.name = {};
-    EXPECT_TRUE(place.name.value().isNothing());
-}
-
 int throwOnce = 0;
-class Fussy : public QVDataObject, public std::enable_shared_from_this<Fussy> {
-    ZMB_DATA_OBJECT(Fussy, zembra::QVDataObject)
+class Simple : public QVDataObject, public std::enable_shared_from_this<Simple> {
+    ZMB_DATA_OBJECT(Simple, zembra::QVDataObject)
 
 public:
-    Fussy() {
+    Simple() {
         if (throwOnce-- == 1) throw std::bad_alloc();
     }
+    ZMB_PROPERTY(Simple, simple);
     ZMB_PROPERTY(NSString, name);
 };
 class Abstract : public QVDataObject {
@@ -432,26 +384,21 @@ class Abstract : public QVDataObject {
 public:
     virtual void act() = 0;
 };
-class Simple : public QVDataObject {
-    ZMB_DATA_OBJECT(Simple, zembra::QVDataObject)
 
-public:
-    Simple() {
-        if (throwOnce-- == 1) throw std::bad_alloc();
+TEST(ObjectRuntimeTests, ObjectsAreMadeCopiedAndLetGoAsOwnersExpect) {
+    auto simple = Simple::objectWithJSON(JSON(R"({"name": "before", "simple": {"simple": {}}})"));
+    EXPECT_EQ(simple->shared_from_this(), simple);
+    {
+        Simple copy = *simple;
+        copy.name = "after";
+        EXPECT_EQ(simple->name.get(), "before");
+        EXPECT_EQ(copy.simple.get(), simple->simple.get());
     }
-    ZMB_PROPERTY(Simple, simple);
-};
-
-TEST(ObjectRuntimeTests, CreationKeepsWhatOwnersExpect) {
-    auto simple = Simple::objectWithJSON(JSON(R"({"simple": {"simple": {}}})"));
-    std::weak_ptr<Simple> outer = simple;
-    std::weak_ptr<Simple> inner = simple->simple->simple.get();
+    const std::weak_ptr<Simple> outer = simple, inner = simple->simple->simple.get();
     EXPECT_FALSE(inner.expired());
     simple = nullptr;
     EXPECT_TRUE(outer.expired() && inner.expired());
 
-    const auto fussy = Fussy::objectWithJSON(JSON("{}"));
-    EXPECT_EQ(fussy->shared_from_this(), fussy);
     throwOnce = 1;
     EXPECT_THROW((void)Simple::objectWithJSON(JSON("{}")), std::bad_alloc);
     EXPECT_EQ(QVDataObject::objectWithJSON(Abstract::staticClass(), JSON("{}")), nullptr);
@@ -464,8 +411,7 @@ TEST(ObjectRuntimeTests, CreationKeepsWhatOwnersExpect) {
 TEST(QVDataObjectTests, MapsHugeDictionariesInLinearTime) {
     std::vector<Value::Entry> entries;
     for (int number = 0; number < 200'000; ++number)
-        entries.push_back(
-            {"key_" + std::to_string(number) + "_end", number % 2 == 0 ? Value::null() : Value(number)});
+        entries.push_back({"key_" + std::to_string(number) + "_end", Value::null()});
     entries.push_back({"display_name", "found"});
     const auto place = Place::objectWithJSON(Value::dictionary(std::move(entries)));
     EXPECT_EQ(place->displayName.get(), "found");

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -58,26 +60,32 @@ TEST(InfoDictionary, HoldsWhatTheFileSays) {
         </dict>)"));
     const auto bundle = NSBundle::bundleWithInfoFile(file);
     EXPECT_THAT(bundle->infoDictionaryError(), IsNull());
-    const auto object = [&](std::string_view key) { return bundle->objectForInfoDictionaryKey(key); };
-    EXPECT_EQ(object("ZMBSDKClientID"), Value("a&b ü ö"));
-    EXPECT_EQ(object("empty"), Value(""));
-    EXPECT_EQ(object("yes"), Value(true));
-    EXPECT_EQ(object("number"), Value(-42));
-    EXPECT_EQ(object("real"), Value(1.5));
     using namespace std::chrono;
-    EXPECT_EQ(object("date"), Value(Date(sys_days(2026y / 1 / 2) + 3h + 4min + 5s)));
-    EXPECT_EQ(object("data"), Value(std::string("\0\1\2", 3)));
-    EXPECT_EQ(object("list"), Value::array({"x", Value::dictionary({})}));
-    EXPECT_TRUE(object("absent").isNothing());
+    const std::pair<const char*, Value> entries[] = {
+        {"ZMBSDKClientID", "a&b ü ö"},
+        {"empty", ""},
+        {"yes", true},
+        {"number", -42},
+        {"real", 1.5},
+        {"date", Date(sys_days(2026y / 1 / 2) + 3h + 4min + 5s)},
+        {"data", Value(std::string("\0\1\2", 3))},
+        {"list", Value::array({"x", Value::dictionary({})})},
+        {"absent", {}},
+    };
+    for (const auto& [key, value] : entries)
+        EXPECT_EQ(bundle->objectForInfoDictionaryKey(key), value) << key;
 }
 
 TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
     const TemporaryFolder folder;
-    std::string nested = "<dict><key>deep</key>";
+    std::string nested = "<dict/>";
     for (int i = 0; i < 2000; ++i)
-        nested += "<array>";
-    for (int i = 0; i < 2000; ++i)
-        nested += "</array>";
+        nested = "<array>" + nested + "</array>";
+    const auto dictionary = [](const std::string& text) {
+        return plist("<dict><key>a</key>" + text + "</dict>");
+    };
+    constexpr NSInteger kMalformed = NSBundleErrorFileMalformed;
+    const std::string zero(1, '\0');
     const struct {
         std::filesystem::path file;
         NSInteger code;
@@ -85,19 +93,14 @@ TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
     } cases[] = {
         {folder.path / "absent", NSBundleErrorFileNotFound, "no such file"},
         {folder.path, NSBundleErrorFileNotReadable, "directory"},
-        {folder.write("empty", ""), NSBundleErrorFileMalformed, "no XML property list"},
-        {folder.write("text", "client id = 5"), NSBundleErrorFileMalformed, "no XML property list"},
-        {folder.write("cut", plist("<dict><key>a").substr(0, 60)), NSBundleErrorFileMalformed,
-         "no XML property list"},
-        {folder.write("array", plist("<array/>")), NSBundleErrorFileMalformed, "no dictionary"},
-        {folder.write("latin1", plist("<dict><key>a</key><string>\xFC</string></dict>")),
-         NSBundleErrorFileMalformed, "not UTF-8 text"},
-        {folder.write("zero",
-                      plist("<dict><key>a</key><string>b" + std::string(1, '\0') + "</string></dict>")),
-         NSBundleErrorFileMalformed, "not UTF-8 text"},
-        {folder.write("deep", plist(nested + "</dict>")), NSBundleErrorFileMalformed, "nested too deeply"},
-        {folder.write("large", plist("<dict/>" + std::string(300'000, ' '))), NSBundleErrorFileMalformed,
-         "larger than 256 KiB"},
+        {folder.write("empty", ""), kMalformed, "no XML property list"},
+        {folder.write("text", "client id = 5"), kMalformed, "no XML property list"},
+        {folder.write("cut", dictionary("").substr(0, 60)), kMalformed, "no XML property list"},
+        {folder.write("array", plist("<array/>")), kMalformed, "no dictionary"},
+        {folder.write("latin1", dictionary("<string>\xFC</string>")), kMalformed, "not UTF-8 text"},
+        {folder.write("zero", dictionary("<string>b" + zero + "</string>")), kMalformed, "not UTF-8 text"},
+        {folder.write("deep", dictionary(nested)), kMalformed, "nested too deeply"},
+        {folder.write("large", plist(std::string(300'000, ' '))), kMalformed, "larger than 256 KiB"},
     };
     for (const auto& [file, code, reason] : cases) {
         const auto bundle = NSBundle::bundleWithInfoFile(file);
@@ -109,19 +112,15 @@ TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
     }
 }
 
-TEST(MainBundle, IsReadBesideTheExecutable) {
-    const auto bundle = NSBundle::mainBundle();
-    EXPECT_EQ(bundle->objectForInfoDictionaryKey("CFBundleIdentifier"), Value("com.example.tests <&>"));
-    EXPECT_EQ(bundle->objectForInfoDictionaryKey("ZMBSDKClientID"), Value(""));
-    EXPECT_TRUE(bundle->objectForInfoDictionaryKey("CFBundleName").isNothing());
-    EXPECT_EQ(NSBundle::mainBundle(), bundle);
-}
-
-TEST(MainBundle, CanBeHandedOverInCode) {
+TEST(MainBundle, IsReadBesideTheExecutableOrHandedOverInCode) {
+    const auto clientId = [] { return NSBundle::mainBundle()->objectForInfoDictionaryKey("ZMBSDKClientID"); };
+    EXPECT_EQ(NSBundle::mainBundle()->objectForInfoDictionaryKey("CFBundleIdentifier"),
+              Value("com.example.tests <&>"));
+    EXPECT_EQ(clientId(), Value(""));
     NSBundle::setMainBundle(std::make_shared<NSBundle>(Value::dictionary({{"ZMBSDKClientID", "mine"}})));
-    EXPECT_EQ(NSBundle::mainBundle()->objectForInfoDictionaryKey("ZMBSDKClientID"), Value("mine"));
+    EXPECT_EQ(clientId(), Value("mine"));
     NSBundle::setMainBundle(nullptr);
-    EXPECT_EQ(NSBundle::mainBundle()->objectForInfoDictionaryKey("ZMBSDKClientID"), Value(""));
+    EXPECT_EQ(clientId(), Value(""));
 }
 
 // Messages
@@ -151,11 +150,9 @@ TEST_F(LocalizedStringTest, FollowsTheLanguagesOfTheEnvironment) {
     EXPECT_EQ(message({{"LANG", "de_AT.UTF-8@euro"}}), german);
     EXPECT_EQ(message({{"LC_MESSAGES", "de"}, {"LANG", "en_GB"}}), german);
     EXPECT_EQ(message({{"LC_ALL", "en_GB"}, {"LC_MESSAGES", "de"}}), english);
-    EXPECT_EQ(message({{"LC_ALL", ""}, {"LC_MESSAGES", "de"}}), german)
-        << "an empty variable is like an absent one";
+    EXPECT_EQ(message({{"LC_ALL", ""}, {"LC_MESSAGES", "de"}}), german) << "empty is like absent";
     EXPECT_EQ(message({{"LANGUAGE", "xx::de_CH:en"}, {"LANG", "C"}}), german);
-    EXPECT_EQ(message({{"LANGUAGE", "fr"}, {"LANG", "de_DE"}}), german)
-        << "the French catalogue is not in UTF-8";
+    EXPECT_EQ(message({{"LANGUAGE", "fr"}, {"LANG", "de_DE"}}), german) << "the French one is not in UTF-8";
     EXPECT_EQ(message({{"LANG", "de/../de"}}), english) << "a path is no language";
 }
 
@@ -182,8 +179,8 @@ TEST(MessageCatalogues, SurviveAnyDamage) {
     const TemporaryFolder folder;
     const auto lookUp = [&](const std::string& contents) {
         folder.write("en/LC_MESSAGES/messages.mo", contents);
-        return NSBundle(Value(), NSBundle::Catalogues{folder.path, "messages"})
-            .localizedStringForKey("server_error", "", std::nullopt);
+        const NSBundle bundle(Value(), NSBundle::Catalogues{folder.path, "messages"});
+        return bundle.localizedStringForKey("server_error", "", std::nullopt);
     };
     EXPECT_EQ(lookUp(intact), "Der Dienst ist gestört.");
     for (std::size_t length = 0; length < intact.size(); length += 7)
@@ -195,16 +192,11 @@ TEST(MessageCatalogues, SurviveAnyDamage) {
     }
     // A catalogue from a machine of the other byte order.
     std::string swapped = intact;
-    const auto number = [&](std::size_t offset) {
-        std::uint32_t value = 0;
-        for (std::size_t i = 4; i-- > 0;)
-            value = value << 8 | static_cast<std::uint8_t>(intact[offset + i]);
-        return value;
-    };
-    const std::size_t end = number(24) + 4 * number(20);  // behind the header, both tables and the hash table
-    for (std::size_t word = 0; word + 4 <= end; word += 4)
-        std::reverse(swapped.begin() + static_cast<std::ptrdiff_t>(word),
-                     swapped.begin() + static_cast<std::ptrdiff_t>(word) + 4);
+    std::uint32_t counts[2];  // of the hash table's entries, and where it starts
+    std::memcpy(counts, intact.data() + 20, sizeof counts);
+    // The header, both tables and the hash table are numbers of four bytes.
+    for (auto word = swapped.begin(); word < swapped.begin() + counts[1] + 4 * counts[0]; word += 4)
+        std::reverse(word, word + 4);
     EXPECT_EQ(lookUp(swapped), "Der Dienst ist gestört.");
 }
 

@@ -15,6 +15,9 @@ namespace zembra {
 namespace {
 
 using Type = Value::Type;
+using Int64 = std::numeric_limits<std::int64_t>;
+using UInt64 = std::numeric_limits<std::uint64_t>;
+using Double = std::numeric_limits<double>;
 
 struct Apple : NSObject {};
 struct Pear : NSObject {};
@@ -40,34 +43,31 @@ std::string keyNumber(std::size_t number) {
 TEST(ValueTests, EachFormIsWhatItIsAndAnswersNoToAllElse) {
     const auto object = std::make_shared<Apple>();
     const std::string longText = "more than fourteen bytes";
+    const std::string control = "{\"a\":null,\"b\":\"\\u0001\\\"\uFFFD\"}";
+    const Date early(std::chrono::microseconds(-1));
     const struct {
         Value value;
         Type type;
-        std::string_view text;
-        std::string_view printed;
+        std::string_view text, printed;
     } cases[] = {
         {{}, Type::nothing, "", "(nothing)"},
         {Value(std::shared_ptr<Apple>()), Type::nothing, "", "(nothing)"},
         {Value::null(), Type::null, "null", "null"},
         {true, Type::boolean, "true", "true"},
-        {std::numeric_limits<std::int64_t>::min(), Type::integer, "-9223372036854775808",
-         "-9223372036854775808"},
+        {Int64::min(), Type::integer, "-9223372036854775808", "-9223372036854775808"},
         {std::uint8_t{200}, Type::integer, "200", "200"},
-        {std::numeric_limits<std::uint64_t>::max(), Type::unsignedInteger, "18446744073709551615",
-         "18446744073709551615"},
+        {UInt64::max(), Type::unsignedInteger, "18446744073709551615", "18446744073709551615"},
         {2.0, Type::floating, "2.0", "2.0"},
         {0.1f, Type::floating, "0.10000000149011612", "0.10000000149011612"},
-        {-std::numeric_limits<double>::infinity(), Type::floating, "null", "-inf"},
+        {-Double::infinity(), Type::floating, "null", "-inf"},
         {"", Type::string, "", R"("")"},
         {"fourteen bytes", Type::string, "fourteen bytes", R"("fourteen bytes")"},
         {longText, Type::string, longText, R"("more than fourteen bytes")"},
-        {Date(std::chrono::microseconds(-1)), Type::date, R"("1969-12-31T23:59:59.999999Z")",
-         R"("1969-12-31T23:59:59.999999Z")"},
+        {early, Type::date, R"("1969-12-31T23:59:59.999999Z")", R"("1969-12-31T23:59:59.999999Z")"},
         {Value::array({}), Type::array, "[]", "[]"},
         {Value::array({1, Value(), object}), Type::array, R"([1,"Apple"])", "[1,<Apple>]"},
         {Value::dictionary({}), Type::dictionary, "{}", "{}"},
-        {Value::dictionary({{"a", Value::null()}, {"b", "\x01\"\xFF"}}), Type::dictionary,
-         "{\"a\":null,\"b\":\"\\u0001\\\"\uFFFD\"}", "{\"a\":null,\"b\":\"\\u0001\\\"\uFFFD\"}"},
+        {Value::dictionary({{"a", Value::null()}, {"b", "\x01\"\xFF"}}), Type::dictionary, control, control},
         {object, Type::object, "Apple", "<Apple>"},
     };
     for (const auto& [value, type, text, print] : cases) {
@@ -82,14 +82,11 @@ TEST(ValueTests, EachFormIsWhatItIsAndAnswersNoToAllElse) {
         EXPECT_EQ(value.as() != nullptr, type == Type::object);
         EXPECT_EQ(value.elements().size(), type == Type::array ? value.count() : 0);
         EXPECT_EQ(value.entries().size(), type == Type::dictionary ? value.count() : 0);
-        EXPECT_TRUE(value[7].isNothing());
-        EXPECT_TRUE(value[-1].isNothing());
-        EXPECT_TRUE(value["missing"].isNothing());
-
+        for (const Value& absent : {value[7], value[-1], value["missing"]})
+            EXPECT_TRUE(absent.isNothing());
         for (const auto& other : cases)
-            EXPECT_EQ(value == other.value, value.type() == type && print == other.printed) << other.printed;
+            EXPECT_EQ(value == other.value, type == other.type && print == other.printed) << other.printed;
         Value copy = value;
-        EXPECT_EQ(copy, value);
         const Value moved = std::move(copy);
         EXPECT_EQ(moved, value);
         EXPECT_TRUE(copy.isNothing());
@@ -97,53 +94,48 @@ TEST(ValueTests, EachFormIsWhatItIsAndAnswersNoToAllElse) {
 }
 
 TEST(ValueTests, StringsKeepAnyBytes) {
-    for (const std::size_t size : {0u, 1u, 13u, 14u, 15u, 16u, 100000u}) {
+    for (const std::size_t size : {1u, 13u, 14u, 15u, 100000u}) {
         std::string bytes(size, '\0');
         for (std::size_t index = 0; index < size; ++index)
             bytes[index] = static_cast<char>(index * 37);
         const Value value(bytes);
         EXPECT_EQ(value.string(), bytes);
-        EXPECT_EQ(value.text(), bytes);
-        EXPECT_EQ(value, Value(bytes));
-        if (size > 0) {
-            bytes.back() ^= 1;
-            EXPECT_NE(value, Value(bytes));
-        }
+        bytes.back() ^= 1;
+        EXPECT_NE(value, Value(bytes));
     }
     EXPECT_EQ(Value(std::string_view()), Value(""));
 }
 
 TEST(ValueTests, NumbersConvertAndCompareByTheirValue) {
-    const auto maximum = std::numeric_limits<std::int64_t>::max();
-    const auto unsignedMaximum = std::numeric_limits<std::uint64_t>::max();
-    const auto nan = std::numeric_limits<double>::quiet_NaN();
-    EXPECT_EQ(Value(2.0).integer(), 2);
-    EXPECT_EQ(Value(-0x1p63).integer(), std::numeric_limits<std::int64_t>::min());
-    EXPECT_EQ(Value(0x1p63).unsignedInteger(), std::uint64_t{1} << 63);
-    EXPECT_EQ(Value(unsignedMaximum).unsignedInteger(), unsignedMaximum);
-    for (const Value& fraction : {Value(2.5), Value(1e300), Value(nan), Value(0x1p64)}) {
-        EXPECT_EQ(fraction.integer(), std::nullopt);
-        EXPECT_EQ(fraction.unsignedInteger(), std::nullopt);
+    const double nan = Double::quiet_NaN();
+    const struct {
+        Value value;
+        std::optional<std::int64_t> integer;
+        std::optional<std::uint64_t> unsignedInteger;
+    } cases[] = {
+        {2.0, 2, 2},
+        {-0x1p63, Int64::min(), {}},
+        {0x1p63, {}, std::uint64_t{1} << 63},
+        {UInt64::max(), {}, UInt64::max()},
+        {-1, -1, {}},
+        {2.5, {}, {}},
+        {0x1p64, {}, {}},
+        {nan, {}, {}},
+    };
+    for (const auto& [value, integer, unsignedInteger] : cases) {
+        EXPECT_EQ(value.integer(), integer) << value;
+        EXPECT_EQ(value.unsignedInteger(), unsignedInteger) << value;
     }
-    EXPECT_EQ(Value(0x1p63).integer(), std::nullopt);
-    EXPECT_EQ(Value(-1).unsignedInteger(), std::nullopt);
-    EXPECT_EQ(Value(unsignedMaximum).integer(), std::nullopt);
-
-    EXPECT_EQ(Value(2), Value(2.0));
-    EXPECT_EQ(Value(0.0), Value(-0.0));
-    EXPECT_EQ(Value(nan), Value(nan));
-    EXPECT_EQ(Value(std::uint64_t{1} << 63), Value(0x1p63));
-    EXPECT_NE(Value(maximum), Value(0x1p63));  // equal only after rounding
-    EXPECT_NE(Value(unsignedMaximum), Value(0x1p64));
-    EXPECT_NE(Value(-1), Value(unsignedMaximum));
+    EXPECT_EQ(Value::array({2, 0.0, nan, std::uint64_t{1} << 63}), Value::array({2.0, -0.0, nan, 0x1p63}));
+    EXPECT_NE(Value(Int64::max()), Value(0x1p63)) << "equal only after rounding";
+    EXPECT_NE(Value(UInt64::max()), Value(0x1p64));
+    EXPECT_NE(Value(-1), Value(UInt64::max()));
     EXPECT_NE(Value(1), Value(true));
-    EXPECT_NE(Value(2), Value("2"));
 }
 
 TEST(ValueTests, DictionariesKeepTheLastOfEqualKeysAndNoNothing) {
     const Value small = Value::dictionary({{"a", 1}, {"b", 2}, {"a", 3}, {"c", Value()}, {"b", {}}, {5, 6}});
     EXPECT_EQ(printed(small), R"({"a":3})");
-    EXPECT_EQ(Value::dictionary({{"a", 1}, {"a", {}}, {"a", 2}}), Value::dictionary({{"a", 2}}));
     EXPECT_EQ(Value::dictionary({{"a", 1}, {"b", 2}}), Value::dictionary({{"b", 2}, {"a", 1}}));
     EXPECT_NE(Value::dictionary({{"a", 1}, {"b", 2}}), Value::dictionary({{"a", 1}, {"c", 2}}));
     EXPECT_NE(Value::dictionary({{"a", 1}}), Value::dictionary({{"a", Value::null()}}));
@@ -152,7 +144,7 @@ TEST(ValueTests, DictionariesKeepTheLastOfEqualKeysAndNoNothing) {
 }
 
 TEST(ValueTests, LargeDictionariesFindEveryKey) {
-    for (const std::size_t size : {15u, 16u, 17u, 32u, 33u, 100000u}) {
+    for (const std::size_t size : {15u, 16u, 17u, 33u, 100000u}) {
         std::vector<Value::Entry> entries;
         for (std::size_t number = 0; number < size; ++number) {
             entries.push_back({keyNumber(number), "replaced"});
@@ -176,17 +168,12 @@ TEST(ValueTests, ObjectsKeepTheirIdentity) {
     const std::weak_ptr<Apple> watch = apple;
     Value value(apple);
     EXPECT_EQ(value.as<Apple>(), apple);
-    EXPECT_EQ(value.as(), apple);
     EXPECT_EQ(value.as<Pear>(), nullptr);
-    EXPECT_FALSE(value.as<Apple>().owner_before(apple) || apple.owner_before(value.as<Apple>()));
     EXPECT_EQ(value, Value(std::shared_ptr<NSObject>(apple)));
     EXPECT_NE(value, Value(std::make_shared<Apple>()));
-
-    Value array = Value::array({value, value});
-    value = {};
     apple.reset();
     EXPECT_FALSE(watch.expired());
-    array = {};
+    value = {};
     EXPECT_TRUE(watch.expired());
 }
 
@@ -202,8 +189,7 @@ TEST(ValueTests, ElementsAreTakenOnlyFromWhatNobodyElseHolds) {
     EXPECT_EQ(apple.use_count(), 1);
     EXPECT_TRUE(dictionary["apple"].isNothing());
     EXPECT_TRUE(dictionary.takeValueAt(0).isNull());
-    EXPECT_TRUE(dictionary["null"].isNull());
-    EXPECT_TRUE(dictionary.containsNull());
+    EXPECT_TRUE(dictionary["null"].isNull()) << "a null stays";
     EXPECT_TRUE(dictionary.takeValueAt(2).isNothing());
 
     Value array = Value::array({"a string beyond fourteen bytes"});

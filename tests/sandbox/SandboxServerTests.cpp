@@ -1,7 +1,6 @@
 #include <chrono>
 #include <csignal>
 #include <map>
-#include <regex>
 #include <thread>
 
 #include <ZembraSandbox/Certificates.h>
@@ -74,6 +73,13 @@ TEST_F(SandboxServerTest, RegistersClients) {
     EXPECT_NE(one["token"], two["token"]) << "it is new each time";
 }
 
+/// `text` with `by` in place of `start` and the hexadecimal digits behind it.
+std::string replaced(std::string text, const std::string& start, const std::string& by) {
+    const std::size_t at = text.find(start);
+    if (at == std::string::npos) return text;
+    return text.replace(at, text.find_first_not_of("0123456789abcdef", at + start.size()) - at, by);
+}
+
 TEST_F(SandboxServerTest, RehearsesTheOutcomesOfItsTables) {
     const auto check = [](std::span<const Outcome> outcomes, const std::string& object,
                           const auto& exchange) {
@@ -89,10 +95,9 @@ TEST_F(SandboxServerTest, RehearsesTheOutcomesOfItsTables) {
             EXPECT_EQ(reply.status, outcome.status);
             EXPECT_EQ(reply.contentType, outcome.status == 0 ? "" : outcome.contentType);
             EXPECT_GE(reply.seconds, delivery == Delivery::late ? 1.4 : 0);
-            const std::regex tokens("(app|member)-[0-9a-f]+"), accounts("account-[0-9a-f]+"), whole("%o");
             const std::string body =
-                std::regex_replace(std::regex_replace(reply.body, tokens, "%t"), accounts, "%a");
-            std::string expected = std::regex_replace(std::string(outcome.body), whole, object);
+                replaced(replaced(replaced(reply.body, "app-", "%t"), "member-", "%t"), "account-", "%a");
+            std::string expected = replaced(std::string(outcome.body), "%o", object);
             if (outcome.status == 0) expected.clear();
             if (delivery == Delivery::truncated) expected.resize(body.size());
             EXPECT_EQ(body, expected);

@@ -23,3 +23,18 @@ if(ZEMBRA_SANITIZERS)
                                                           -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(zembra_build_options INTERFACE -fsanitize=${ZEMBRA_SANITIZERS})
 endif()
+
+# Release builds resist exploits: checked stacks and buffers, and nothing of a library is writable that need not be.
+# The linker's options are this tree's alone, so that an including project keeps its own.
+include(CheckCXXCompilerFlag)
+set(release "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
+target_compile_options(zembra_build_options
+                       INTERFACE "$<${release}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection)
+    string(MAKE_C_IDENTIFIER "ZEMBRA_HAS${flag}" has_flag)
+    check_cxx_compiler_flag(${flag} ${has_flag})
+    if(${has_flag})
+        target_compile_options(zembra_build_options INTERFACE "$<${release}:${flag}>")
+    endif()
+endforeach()
+add_link_options("$<${release}:LINKER:-z,relro,-z,now>")

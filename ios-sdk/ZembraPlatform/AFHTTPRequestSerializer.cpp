@@ -52,7 +52,7 @@ std::string defaultUserAgent() {
 
 }  // namespace
 
-struct AFHTTPRequestSerializer::State {
+struct ZEMBRA_HIDDEN AFHTTPRequestSerializer::State {
     mutable std::mutex mutex;
     NSTimeInterval timeoutInterval = kDefaultTimeout;
     NSHTTPURLResponse::HeaderFields fields;

@@ -33,7 +33,7 @@ NSErrorPtr refusal(AFHTTPSessionErrorCode code, const std::shared_ptr<NSHTTPURLR
 
 }  // namespace
 
-struct AFHTTPResponseSerializer::State {
+struct ZEMBRA_HIDDEN AFHTTPResponseSerializer::State {
     mutable std::mutex mutex;
     std::set<std::string> acceptableContentTypes = {"application/json", "text/json", "text/javascript"};
 };

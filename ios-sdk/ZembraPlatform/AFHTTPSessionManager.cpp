@@ -888,7 +888,7 @@ int Engine::onTimer(CURLM*, long timeout, void* self) {
 // -------------------------------------------------------------------------------------------------------
 
 /// What the client and its I/O thread share; it outlives whichever of the two ends first.
-class AFHTTPSessionManager::Session : public std::enable_shared_from_this<Session> {
+class ZEMBRA_HIDDEN AFHTTPSessionManager::Session : public std::enable_shared_from_this<Session> {
 public:
     explicit Session(NSURL url) : baseURL(std::move(url)) {}
     ~Session();

@@ -29,7 +29,7 @@ int newDescriptor() noexcept {
 
 }  // namespace
 
-struct MainQueue::State {
+struct ZEMBRA_HIDDEN MainQueue::State {
     mutable std::mutex mutex;
     std::condition_variable changed;
     std::deque<Task> tasks;

@@ -60,7 +60,7 @@ std::shared_ptr<NSBundle> bundleFromFiles() {
 
 }  // namespace
 
-struct NSBundle::CatalogueCache {
+struct ZEMBRA_HIDDEN NSBundle::CatalogueCache {
     std::mutex mutex;
     std::map<std::filesystem::path, std::optional<MessageCatalogue>> catalogues;
 

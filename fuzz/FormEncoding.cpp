@@ -1,13 +1,13 @@
-// What a strict decoder, written independently, reads back from a form is what went in. Each line of the input is a
-// field: its name, a tab, its value.
+// What a strict decoder, written independently, reads back from a form is what went in. Each line of the
+// input is a field: its name, a tab, its value.
 
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include <ZembraPlatform/AFHTTPSessionManager.h>
-
 #include <ZembraSandbox/FormBody.h>
+
+#include <ZembraPlatform/AFHTTPSessionManager.h>
 
 #include "Fuzz.h"
 

@@ -1,5 +1,5 @@
-// The answer of a hostile server: a value, or an error of which the SDK makes one for the caller. The first line of the
-// input is the status, the lines up to an empty one are header fields, the rest is the body.
+// The answer of a hostile server: a value, or an error of which the SDK makes one for the caller. The first
+// line of the input is the status, the lines up to an empty one are header fields, the rest is the body.
 
 #include <charconv>
 #include <memory>

@@ -1,5 +1,5 @@
-// Soak: app token exchanges without a pause, over keep-alive, against a sandbox in a process of its own. Fails where an
-// exchange does, or where memory or descriptors grow after a warm-up of a tenth of them.
+// Soak: app token exchanges without a pause, over keep-alive, against a sandbox in a process of its own.
+// Fails where an exchange does, or where memory or descriptors grow after a warm-up of a tenth of them.
 //
 //     zembra-soak [<exchanges, 100000 unless given>]
 
@@ -11,10 +11,9 @@
 #include <iterator>
 #include <string>
 
+#include <ZembraSandbox/SandboxServer.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <ZembraSandbox/SandboxServer.h>
 
 #include <ZembraCoreSDK/ZMBApplication.h>
 

@@ -18,6 +18,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -192,6 +193,21 @@ TEST(AFHTTPSessionManagerProcessTest, SignalsStayTheHosts) {
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGCHLD,
                              SIGTSTP, SIGWINCH, SIGIO, SIGPROF, SIGRTMIN})
         EXPECT_TRUE((blocked >> (signal - 1) & 1) != 0) << signal;
+
+    // A host that takes its signals from a descriptor gets them there, whoever they woke otherwise.
+    sigset_t own, earlier;
+    ::sigemptyset(&own);
+    ::sigaddset(&own, SIGUSR1);
+    ::pthread_sigmask(SIG_BLOCK, &own, &earlier);
+    const int descriptor = ::signalfd(-1, &own, SFD_CLOEXEC);
+    const auto outcome = startPOST(*client);
+    ::kill(::getpid(), SIGUSR1);
+    signalfd_siginfo information{};
+    EXPECT_EQ(::read(descriptor, &information, sizeof information), ssize_t{sizeof information});
+    EXPECT_EQ(information.ssi_signo, std::uint32_t{SIGUSR1});
+    EXPECT_TRUE(await(outcome).isSuccess());
+    ::close(descriptor);
+    ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
 }
 
 TEST(AFHTTPSessionManagerProcessTest, AnIdleClientDoesNotWakeUp) {
@@ -214,14 +230,14 @@ TEST(AFHTTPSessionManagerProcessTest, NewConnectionsDoNotReadTheAuthoritiesAgain
     auto client = clientOf(server.address());
     EXPECT_TRUE(performPOST(*client).isSuccess());
     const auto processorTime = [thread = ioThread()] {
-        return std::chrono::nanoseconds(std::strtoll(contentsOf(thread / "schedstat").c_str(), nullptr, 10));
+        return std::strtoll(contentsOf(thread / "schedstat").c_str(), nullptr, 10);  // nanoseconds
     };
-    const auto before = processorTime();
+    const auto first = processorTime();
     constexpr int kConnections = 50;
     for (int count = 0; count < kConnections; ++count)
         EXPECT_TRUE(performPOST(*client).isSuccess());
     EXPECT_EQ(server.connectionCount(), kConnections + 1);
-    EXPECT_LT((processorTime() - before) / kConnections, 8ms);  // reading them takes some 20 to 40
+    EXPECT_LT((processorTime() - first) / kConnections, first / 3);  // with them it is about the same
 }
 
 TEST(AFHTTPSessionManagerProcessTest, TheHostMayUseLibcurlBeforeDuringAndAfter) {

@@ -224,6 +224,7 @@ private:
         https_->set_tcp_nodelay(true);
         https_->set_keep_alive_max_count(1000000);
         https_->set_keep_alive_timeout(60);
+        https_->set_read_timeout(60);  // hosts under a debugger or an instrument are slow
         https_->set_payload_max_length(kLongestBody);
         // The library's own choice would let two servers share a port.
         https_->set_socket_options([](int descriptor) {

@@ -287,6 +287,11 @@ public:
     /// `socket`, one of its own, is ready: something moved.
     void touch(int socket, Clock::time_point now);
 
+    /// What moved at `moment` has been dealt with only now; that time was this thread's own.
+    void restamp(Clock::time_point moment, Clock::time_point now) {
+        if (lastMoved_ == moment) lastMoved_ = now;
+    }
+
 private:
     static int onOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
     static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
@@ -717,6 +722,7 @@ private:
     std::vector<Transfer*> transfers_;  // whose socket it is, in the same order
     std::vector<pollfd> ready_;
     std::optional<Clock::time_point> timer_;
+    Clock::time_point looked_;  // when the sockets were last looked at
 };
 
 Engine::Engine(int wakeDescriptor, const AFHTTPResponseSerializer& reader)
@@ -765,11 +771,10 @@ bool Engine::turn() {
     const bool isWoken = wait();
     runTimer();
     collect();
-    const auto now = Clock::now();
-    // What became ready before this point has been seen, however long this thread was kept from looking.
+    // What moves while this thread is busy, such as reading the authorities, is seen at its next look.
     for (std::size_t index = active_.size(); index-- > 0;) {
         const auto deadline = active_[index]->deadline();
-        if (deadline && *deadline <= now) remove(*active_[index], CURLE_OPERATION_TIMEDOUT, true);
+        if (deadline && *deadline <= looked_) remove(*active_[index], CURLE_OPERATION_TIMEDOUT, true);
     }
     for (End& end : std::exchange(ended_, {})) {
         if (end.isTimeout) {
@@ -802,13 +807,13 @@ bool Engine::wait() {
         timeout = static_cast<int>(std::min<milliseconds>(left, kLongestWait).count());
     }
     const int count = ::poll(sockets_.data(), static_cast<nfds_t>(sockets_.size()), timeout);
+    looked_ = Clock::now();
     if (count <= 0) return false;
-    const auto now = Clock::now();
     ready_.clear();
     for (std::size_t index = 1; index < sockets_.size(); ++index) {
         if (sockets_[index].revents == 0) continue;
         ready_.push_back(sockets_[index]);
-        if (transfers_[index]) transfers_[index]->touch(sockets_[index].fd, now);
+        if (transfers_[index]) transfers_[index]->touch(sockets_[index].fd, looked_);
     }
     const bool isWoken = sockets_[0].revents != 0;
     for (const pollfd& socket : ready_) {  // the calls below change `sockets_`
@@ -818,6 +823,8 @@ bool Engine::wait() {
         int running = 0;
         ::curl_multi_socket_action(multi_, socket.fd, events, &running);
     }
+    for (const auto& transfer : active_)
+        transfer->restamp(looked_, Clock::now());
     return isWoken;
 }
 

@@ -142,6 +142,22 @@ TEST(AFHTTPSessionManagerTimeTest, RequestsThatWaitForAConnectionDoNotAge) {
     EXPECT_EQ(server.connectionCount(), 8);
 }
 
+TEST(AFHTTPSessionManagerTimeTest, ReadingTheAuthoritiesIsNoIdleTime) {
+    TLSServer server([](Connection& connection) {
+        if (connection.handshake() && !connection.readRequest().empty()) connection.answer("{}");
+    });
+    const auto client = clientOf(server.address());
+    std::string many;  // each one takes a while to read
+    for (int count = 0; count < 20'000; ++count)
+        many += TLSServer::certificateAuthority();
+    client->addTrustedCertificateAuthority(many);
+    client->requestSerializer().setTimeoutInterval(400ms);
+    const auto start = Clock::now();
+    const Outcome outcome = performPOST(*client);
+    EXPECT_TRUE(outcome.isSuccess()) << outcome;
+    EXPECT_GT(Clock::now() - start, 400ms);
+}
+
 TEST(AFHTTPSessionManagerTimeTest, DestroyingAClientIsQuickAndCancelsItsRequests) {
     std::latch areStalled(8);
     TLSServer server([&](Connection& connection) {

@@ -164,11 +164,18 @@ void deliver(std::shared_ptr<Listener> listener, Value object, NSErrorPtr error)
     });
 }
 
+/// Where requests to a path go.
+struct Target {
+    std::string path;
+    NSURL url;           // the path itself where there is none
+    std::string host;    // with the port where the URL names one
+    NSErrorPtr refusal;  // where nothing can be sent there
+};
+
 /// A request as `POST` built it.
 struct Exchange {
     std::shared_ptr<Listener> listener;
-    std::string url;
-    std::string host;  // with the port where the URL names one
+    std::shared_ptr<const Target> target;
     std::string body;
     HeaderFields fields;
     std::optional<milliseconds> idleLimit;
@@ -182,8 +189,8 @@ std::optional<milliseconds> idleLimitOf(NSTimeInterval interval) {
     return std::chrono::ceil<milliseconds>(interval);
 }
 
-/// Resolves `path` against `base`. Sets URL and host, or the refusal.
-void resolve(Exchange& exchange, const std::string& base, std::string_view path) {
+/// Resolves `path` against `base`.
+std::shared_ptr<const Target> resolve(const std::string& base, std::string_view path) {
     struct Deleter {
         void operator()(CURLU* url) const noexcept { ::curl_url_cleanup(url); }
         void operator()(char* text) const noexcept { ::curl_free(text); }
@@ -196,20 +203,23 @@ void resolve(Exchange& exchange, const std::string& base, std::string_view path)
         return std::string(text);
     };
     constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE | CURLU_DISALLOW_USER;
+    const auto target = std::make_shared<Target>(
+        Target{std::string(path), NSURL::URLWithString(std::string(path)), {}, nullptr});
     const bool isText = std::ranges::none_of(path, isControl) && std::ranges::none_of(base, isControl);
     if (!url || !isText || ::curl_url_set(url.get(), CURLUPART_URL, base.c_str(), kFlags) != CURLUE_OK ||
-        ::curl_url_set(url.get(), CURLUPART_URL, std::string(path).c_str(), kFlags) != CURLUE_OK) {
-        exchange.refusal = networkError(NSURLErrorBadURL, "The request was not sent: its URL is not valid.");
-        return;
+        ::curl_url_set(url.get(), CURLUPART_URL, target->path.c_str(), kFlags) != CURLUE_OK) {
+        target->refusal = networkError(NSURLErrorBadURL, "The request was not sent: its URL is not valid.");
+        return target;
     }
-    exchange.url = part(CURLUPART_URL);
+    target->url = NSURL::URLWithString(part(CURLUPART_URL));
     if (part(CURLUPART_SCHEME) != "https") {
-        exchange.refusal =
+        target->refusal =
             networkError(NSURLErrorUnsupportedURL, "The request was not sent: its URL is not an https one.");
-        return;
+        return target;
     }
-    exchange.host = part(CURLUPART_HOST);
-    if (const std::string port = part(CURLUPART_PORT); !port.empty()) exchange.host += ':' + port;
+    target->host = part(CURLUPART_HOST);
+    if (const std::string port = part(CURLUPART_PORT); !port.empty()) target->host += ':' + port;
+    return target;
 }
 
 // Transfers: the use of one libcurl handle
@@ -382,7 +392,7 @@ CURLcode Transfer::prepare(std::unique_ptr<Exchange> exchange) {
         backstop = std::max(kShortestBackstop, kLongestExchangeInTimeouts * connectLimit);
     }
     if (const CURLcode result = setHeaderFields(); result != CURLE_OK) return result;
-    return options.set(CURLOPT_URL, exchange_->url.c_str())
+    return options.set(CURLOPT_URL, exchange_->target->url.absoluteString().c_str())
         .set(CURLOPT_HTTPHEADER, headers_.get())
         .set(CURLOPT_POSTFIELDS, exchange_->body.c_str())
         .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange_->body.size()))
@@ -502,7 +512,7 @@ void Transfer::finish(CURLcode result, const AFHTTPResponseSerializer& reader) {
     long status = 0;
     ::curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
     const auto response =
-        std::make_shared<NSHTTPURLResponse>(NSURL::URLWithString(exchange_->url), status, std::move(fields_));
+        std::make_shared<NSHTTPURLResponse>(exchange_->target->url, status, std::move(fields_));
     NSErrorPtr error;
     Value object = reader.responseObjectForResponse(response, std::move(body_), &error);
     std::shared_ptr<Listener> listener = std::move(exchange_->listener);
@@ -536,7 +546,7 @@ NSErrorPtr Transfer::timeoutError() const {
                               : has(CURLINFO_NAMELOOKUP_TIME_T)  ? "connecting"
                                                                  : "looking up the host";
     return networkError(NSURLErrorTimedOut,
-                        "The request to " + exchange_->host + " timed out while " + phase + '.');
+                        "The request to " + exchange_->target->host + " timed out while " + phase + '.');
 }
 
 /// What was wrong with the server's certificate. The numbers are OpenSSL's.
@@ -551,7 +561,7 @@ NSErrorPtr Transfer::certificateError() const {
     };
     long verdict = 0;
     ::curl_easy_getinfo(easy_, CURLINFO_SSL_VERIFYRESULT, &verdict);
-    const std::string certificate = "The certificate of " + exchange_->host;
+    const std::string certificate = "The certificate of " + exchange_->target->host;
     switch (verdict) {
         case kNotYetValid:
             return networkError(NSURLErrorServerCertificateNotYetValid, certificate + " is not yet valid.");
@@ -575,7 +585,7 @@ NSErrorPtr Transfer::certificateError() const {
 /// The one place that gives libcurl's results their meaning. Its own text is passed on only where it cannot
 /// hold anything of the request.
 NSErrorPtr Transfer::errorFor(CURLcode result) const {
-    const std::string& host = exchange_->host;
+    const std::string& host = exchange_->target->host;
     const std::string detail = errorText_[0] != '\0' ? std::string(" (") + errorText_ + ")." : ".";
     switch (result) {
         case CURLE_OPERATION_TIMEDOUT:
@@ -926,6 +936,9 @@ public:
     CompletionQueue completionQueue;
     std::shared_ptr<const TrustedCertificates> certificates = systemCertificates();
 
+    /// Where requests to `path` go. The latest is kept: a host asks for the same few, and often in a row.
+    [[nodiscard]] std::shared_ptr<const Target> target(std::string_view path);
+
     /// Puts `certificates` in the place of those before. These stay until the end: a file's name must not
     /// come again while libcurl remembers what it held.
     void setCertificates(std::shared_ptr<const TrustedCertificates> changed);
@@ -953,6 +966,7 @@ private:
 
     Process* const process_ = Process::current().load();
     std::atomic<std::uint64_t> lastTaskIdentifier_ = 0;
+    std::shared_ptr<const Target> latestTarget_;
     std::vector<std::shared_ptr<const TrustedCertificates>> earlierCertificates_;
 
     std::mutex mutex_;  // guards what follows
@@ -1004,6 +1018,12 @@ std::shared_ptr<const TrustedCertificates> AFHTTPSessionManager::Session::system
     return std::make_shared<TrustedCertificates>(file ? file : "");
 }
 
+std::shared_ptr<const Target> AFHTTPSessionManager::Session::target(std::string_view path) {
+    if (!latestTarget_ || latestTarget_->path != path)
+        latestTarget_ = resolve(baseURL.absoluteString(), path);
+    return latestTarget_;
+}
+
 void AFHTTPSessionManager::Session::setCertificates(std::shared_ptr<const TrustedCertificates> changed) {
     earlierCertificates_.push_back(std::exchange(certificates, std::move(changed)));
 }
@@ -1020,7 +1040,9 @@ void AFHTTPSessionManager::Session::submit(std::unique_ptr<Exchange> exchange) {
         return refuse(std::move(exchange), "The client's thread could not be started.");
     }
     incoming_.push_back(std::move(exchange));
-    if (incoming_.size() == 1) wake();
+    const bool isFirst = incoming_.size() == 1;
+    lock.unlock();  // the I/O thread, once awake, would only wait for it
+    if (isFirst) wake();
 }
 
 /// Fails an exchange where there is no I/O thread to do it; not inside the call either.
@@ -1200,6 +1222,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
         const std::lock_guard lock(session_->settingsMutex);
         listener.queue = session_->completionQueue;
         exchange->certificates = session_->certificates;
+        exchange->target = session_->target(path);
     }
 
     const AFHTTPRequestSerializer& requests = requestSerializer();
@@ -1211,16 +1234,14 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
     exchange->fields.try_emplace("Content-Type", "application/x-www-form-urlencoded");
     exchange->fields.try_emplace("Accept", "application/json");
 
-    resolve(*exchange, session_->baseURL.absoluteString(), path);
+    exchange->refusal = exchange->target->refusal;
     if (!exchange->refusal) exchange->refusal = headerError(exchange->fields);
     if (const auto& problem = exchange->certificates->problem(); problem && !exchange->refusal) {
         exchange->refusal = networkError(
             NSURLErrorSecureConnectionFailed,
             "The request was not sent: of the trusted certificate authorities, " + *problem + '.');
     }
-    Task task = std::make_shared<NSURLSessionTask>(
-        session_->nextTaskIdentifier(),
-        NSURL::URLWithString(exchange->url.empty() ? std::string(path) : exchange->url));
+    Task task = std::make_shared<NSURLSessionTask>(session_->nextTaskIdentifier(), exchange->target->url);
     listener.task = task;
     session_->submit(std::move(exchange));
     return task;

@@ -118,7 +118,16 @@ bool Connection::slowHandshake(std::chrono::milliseconds pause) {
         }
         if (!rest.empty() && ::send(descriptor_, rest.data(), rest.size(), 0) < 0) return false;
     }
-    if (::BIO_ctrl_pending(incoming) > 0 && !readMore()) return false;  // came with the last of the handshake
+    // What came along with the last of the handshake is the start of the request; the socket may stay silent
+    // now.
+    while (::BIO_ctrl_pending(incoming) > 0) {
+        char buffer[16384];
+        const int count = ::SSL_read(ssl_, buffer, sizeof buffer);
+        if (count > 0)
+            received_.append(buffer, static_cast<std::size_t>(count));
+        else if (::SSL_get_error(ssl_, count) != SSL_ERROR_WANT_READ)
+            return false;
+    }
     ::SSL_set_fd(ssl_, descriptor_);
     return true;
 }

@@ -216,7 +216,7 @@ def machine(contexts):
 
 def chart(title, unit, bars):
     """A horizontal bar for each label and value."""
-    label_width, bar_width, row, top = 190, 400, 30, 44
+    label_width, bar_width, row, top = 220, 400, 30, 44
     longest = max(value for _, value in bars)
     lines = []
     for index, (label, value) in enumerate(bars):

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <chrono>
+#include <concepts>
 #include <locale>
 #include <sstream>
 #include <utility>
@@ -24,20 +26,28 @@ public:
     [[nodiscard]] bool isAtEnd() const { return rest_.empty(); }
 
     /// Reads one of `characters`, and says whether there was one; that there is none is no failure.
-    bool readOneOf(std::string_view characters) {
-        if (rest_.empty() || characters.find(rest_.front()) == std::string_view::npos) return false;
+    bool readOneOf(std::same_as<char> auto... characters) {
+        if (rest_.empty() || !((rest_.front() == characters) || ...)) return false;
         rest_.remove_prefix(1);
         return true;
     }
 
-    void read(char character) { hasFailed_ |= !readOneOf({&character, 1}); }
+    void read(char character) { hasFailed_ |= !readOneOf(character); }
 
     /// Exactly `count` digits.
-    int readDigits(int count) {
+    template <std::size_t count>
+    int readDigits() {
+        if (rest_.size() < count) {
+            hasFailed_ = true;
+            return 0;
+        }
         int number = 0;
-        for (; count > 0; --count)
-            number = 10 * number + readDigit();
-        return number;
+        for (std::size_t index = 0; index < count; ++index) {
+            hasFailed_ |= !isDigit(rest_[index]);
+            number = 10 * number + (rest_[index] - '0');
+        }
+        rest_.remove_prefix(count);
+        return hasFailed_ ? 0 : number;
     }
 
     /// One digit or more, as a fraction.
@@ -45,7 +55,7 @@ public:
         std::chrono::microseconds fraction(0);
         std::chrono::microseconds unit = 100ms;
         do {
-            fraction += readDigit() * unit;
+            fraction += readDigits<1>() * unit;
             unit /= 10;
         } while (!isAtEnd() && isDigit(rest_.front()));
         return fraction;
@@ -53,16 +63,6 @@ public:
 
 private:
     static bool isDigit(char character) { return character >= '0' && character <= '9'; }
-
-    int readDigit() {
-        if (rest_.empty() || !isDigit(rest_.front())) {
-            hasFailed_ = true;
-            return 0;
-        }
-        const int digit = rest_.front() - '0';
-        rest_.remove_prefix(1);
-        return digit;
-    }
 
     std::string_view rest_;
     bool hasFailed_ = false;
@@ -72,24 +72,24 @@ class ISO8601DateFormatter : public NSDateFormatter {
 public:
     [[nodiscard]] std::optional<Date> dateFromString(std::string_view string) const override {
         Reader reader(string);
-        const std::chrono::year year(reader.readDigits(4));
+        const std::chrono::year year(reader.readDigits<4>());
         reader.read('-');
-        const std::chrono::month month(static_cast<unsigned>(reader.readDigits(2)));
+        const std::chrono::month month(static_cast<unsigned>(reader.readDigits<2>()));
         reader.read('-');
-        const std::chrono::day day(static_cast<unsigned>(reader.readDigits(2)));
+        const std::chrono::day day(static_cast<unsigned>(reader.readDigits<2>()));
         const std::chrono::year_month_day calendarDay = year / month / day;
         if (reader.hasFailed() || !calendarDay.ok()) return std::nullopt;
         const Date midnight = std::chrono::sys_days(calendarDay);
         if (reader.isAtEnd()) return midnight;
 
-        if (!reader.readOneOf("Tt ")) return std::nullopt;
-        const std::chrono::hours hours(reader.readDigits(2));
+        if (!reader.readOneOf('T', 't', ' ')) return std::nullopt;
+        const std::chrono::hours hours(reader.readDigits<2>());
         reader.read(':');
-        const std::chrono::minutes minutes(reader.readDigits(2));
+        const std::chrono::minutes minutes(reader.readDigits<2>());
         std::chrono::microseconds seconds(0);
-        if (reader.readOneOf(":")) {
-            seconds = std::chrono::seconds(reader.readDigits(2));
-            if (reader.readOneOf(".,")) seconds += reader.readFraction();
+        if (reader.readOneOf(':')) {
+            seconds = std::chrono::seconds(reader.readDigits<2>());
+            if (reader.readOneOf('.', ',')) seconds += reader.readFraction();
         }
         const std::optional<std::chrono::minutes> offset = readOffset(reader);
         if (reader.hasFailed() || !reader.isAtEnd() || !offset) return std::nullopt;
@@ -106,14 +106,14 @@ public:
 
 private:
     static std::optional<std::chrono::minutes> readOffset(Reader& reader) {
-        if (reader.isAtEnd() || reader.readOneOf("Zz")) return 0min;
-        const bool isNegative = reader.readOneOf("-");
+        if (reader.isAtEnd() || reader.readOneOf('Z', 'z')) return 0min;
+        const bool isNegative = reader.readOneOf('-');
         if (!isNegative) reader.read('+');
-        const std::chrono::hours hours(reader.readDigits(2));
+        const std::chrono::hours hours(reader.readDigits<2>());
         std::chrono::minutes minutes(0);
         if (!reader.isAtEnd()) {
-            reader.readOneOf(":");
-            minutes = std::chrono::minutes(reader.readDigits(2));
+            reader.readOneOf(':');
+            minutes = std::chrono::minutes(reader.readDigits<2>());
         }
         if (minutes > 59min || hours + minutes > kLargestOffset) return std::nullopt;
         return isNegative ? -(hours + minutes) : hours + minutes;

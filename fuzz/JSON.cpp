@@ -3,6 +3,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <ZembraCoreSDK/QVDataObject.h>
 
@@ -102,6 +104,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FUZZ_ASSERT(value.isNothing() == (error != nullptr));
     NSErrorPtr sameError;
     FUZZ_ASSERT(NSJSONSerialization::JSONObjectWithData(std::string(text), &sameError) == value);
+    std::vector<Value> elements;
+    const auto add = [&elements](Value element) { elements.push_back(std::move(element)); };
+    FUZZ_ASSERT(NSJSONSerialization::enumerateArrayWithData(std::string(text), add) == value.isArray());
+    if (value.isArray()) FUZZ_ASSERT(Value::array(std::move(elements)) == value);
     if (value.isNothing()) {
         const auto offset = error->userInfo()[NSJSONSerializationErrorOffsetKey].integer();
         FUZZ_ASSERT(offset && *offset >= 0 && static_cast<std::size_t>(*offset) <= size);

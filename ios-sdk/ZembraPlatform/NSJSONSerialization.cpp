@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 #include <utility>
@@ -43,6 +44,7 @@ struct Fault {
     bool isOpenEnd = false;  // the text does not end as an array or a dictionary must
 };
 
+constexpr Fault kNoArray = {NSJSONSerializationErrorNoArray, "no array"};
 constexpr Fault kTooLarge = {NSJSONSerializationErrorTooLarge, "4 GiB or more", kMaximumSize};
 
 /// The first bytes of a string's JSON text, without its opening quotation mark, for comparing them at once.
@@ -88,6 +90,7 @@ public:
         Value string;
         Head head = {~std::uint64_t{0}, 0};      // that of its JSON text; if it must be escaped,
         Head headMask = {~std::uint64_t{0}, 0};  // one that no UTF-8 text has
+        bool isShort = false;                    // so the head has all of it, with the closing quotation mark
         Number lastSeen = 0;            // the last dictionary, counted by `hasDuplicates`, that has it
         std::vector<Number> innerKeys;  // those of the last dictionary under this key, in order
     };
@@ -101,8 +104,8 @@ public:
     [[nodiscard]] bool stands(Number number, const char* text) const {
         const Key& key = keys_[number];
         if ((Head::load(text) & key.headMask) != key.head) return false;
+        if (key.isShort) return true;
         const std::string_view string = *key.string.string();
-        if (string.size() < sizeof(Head)) return true;  // the closing quotation mark was compared, too
         return string.size() < static_cast<std::size_t>(end_ - text) && text[string.size()] == '"' &&
                std::memcmp(text, string.data(), string.size()) == 0;
     }
@@ -121,6 +124,7 @@ public:
             slot = static_cast<Number>(keys_.size());
             Key& key = keys_.emplace_back();
             key.string = string;
+            key.isShort = string.size() < sizeof(Head);
             if (string.find_first_of("\"\\") == std::string_view::npos) setHead(key, string);
         }
         return latest_[latestIndexOf(text)] = slot;
@@ -173,14 +177,19 @@ private:
     Number dictionaries_ = 0;
 };
 
+using Receiver = std::function<void(Value element)>;
+
 /// Decodes one text. `text` is well padded.
 class Decoder {
 public:
-    Decoder(std::string_view text, std::size_t allocatedSize)
+    /// With a `receiver`, that gets the elements of the outermost array, which then is decoded to an empty
+    /// one.
+    Decoder(std::string_view text, std::size_t allocatedSize, const Receiver* receiver)
         : text_(text),
           allocatedSize_(allocatedSize),
-          unescaped_(new std::uint8_t[text.size() + simdjson::SIMDJSON_PADDING]),
-          keys_(text.data() + text.size()) {}
+          receiver_(receiver),
+          keys_(text.data() + text.size()),
+          parts_(text.size()) {}
 
     /// What the text stands for, or nothing and then the fault. A bare value comes in brackets.
     [[nodiscard]] Value decode(bool isBracketed) {
@@ -243,11 +252,19 @@ private:
     }
 
     bool decodeString(ondemand::value& value) {
+        // Where it is not too long, a string is unescaped right where it will stand.
+        const std::size_t tokenSize = value.raw_json_token().size();
         ondemand::raw_json_string raw;
         if (const auto error = value.get_raw_json_string().get(raw)) return fail(error);
+        char* const room = parts_.roomForString(tokenSize + simdjson::SIMDJSON_PADDING);
         std::string_view string;
-        if (!unescape(raw, string)) return false;
-        parts_.push(string);
+        if (room == nullptr) {
+            if (!unescape(raw, tokenSize, string)) return false;
+            parts_.push(string);
+        } else {
+            if (!unescape(raw, reinterpret_cast<std::uint8_t*>(room), string)) return false;
+            parts_.pushStringInRoom(room, string.size());
+        }
         return true;
     }
 
@@ -306,6 +323,7 @@ private:
             if (element.error() != simdjson::SUCCESS) return fail(element.error());
             auto&& value = std::move(element).value_unsafe();  // read where it is: copying it stalls
             if (!decodeValue(value, outerKey, depth + 1)) return false;
+            if (receiver_ != nullptr && depth == 0) (*receiver_)(parts_.pop());
         }
         parts_.makeArray(start);
         return true;
@@ -319,9 +337,9 @@ private:
             if (element.error() != simdjson::SUCCESS) return fail(element.error());
             auto&& field = std::move(element).value_unsafe();
             KeyTable::Number key = KeyTable::kNone;
-            if (!decodeKey(field.key(), outerKey, position, key)) return false;
+            if (!decodeKey(field, outerKey, position, key)) return false;
             openKeys_.push_back(key);
-            parts_.pushCopyOfUnshared(keys_[key].string);
+            parts_.push(keys_[key].string);
             if (!decodeValue(field.value(), key, depth + 1)) return false;
         }
         if (keys_.hasDuplicates(openKeys_.data() + firstKey, openKeys_.size() - firstKey)) {
@@ -333,9 +351,11 @@ private:
         return true;
     }
 
-    /// The number of the key `raw`. `position` says where in the expected order it is sought, and moves on.
-    bool decodeKey(ondemand::raw_json_string raw, KeyTable::Number outerKey, std::size_t& position,
+    /// The number of the key of `field`. `position` says where in the expected order it is sought, and moves
+    /// on.
+    bool decodeKey(ondemand::field& field, KeyTable::Number outerKey, std::size_t& position,
                    KeyTable::Number& key) {
+        const ondemand::raw_json_string raw = field.key();
         const std::vector<KeyTable::Number>& expected = keys_[outerKey].innerKeys;
         if (position < expected.size() && keys_.stands(expected[position], raw.raw())) {
             key = expected[position++];
@@ -344,7 +364,8 @@ private:
         key = keys_.latest(raw.raw());
         if (key == KeyTable::kNone) {
             std::string_view string;
-            if (!unescape(raw, string)) return false;
+            const char* const end = field.value().raw_json_token().data();
+            if (!unescape(raw, static_cast<std::size_t>(end - raw.raw()), string)) return false;
             key = keys_.numberOf(string, raw.raw());
         }
         expectNext(key, keys_[outerKey].innerKeys, position);
@@ -377,9 +398,15 @@ private:
         parts_.push(Value::dictionary(std::move(entries)));
     }
 
-    /// The view lasts until the next call.
-    bool unescape(ondemand::raw_json_string raw, std::string_view& string) {
-        std::uint8_t* end = unescaped_.get();
+    /// Unescapes a string of at most `size` bytes to where it lasts until the next call.
+    bool unescape(ondemand::raw_json_string raw, std::size_t size, std::string_view& string) {
+        size += simdjson::SIMDJSON_PADDING;
+        if (unescaped_.size() < size) unescaped_.resize(2 * size);
+        return unescape(raw, unescaped_.data(), string);
+    }
+
+    bool unescape(ondemand::raw_json_string raw, std::uint8_t* out, std::string_view& string) {
+        std::uint8_t* end = out;
         const auto error = parser_.unescape(raw, end).get(string);
         return error == simdjson::SUCCESS || fail(error, offsetOf(raw.raw()));
     }
@@ -465,7 +492,8 @@ private:
 
     const std::string_view text_;
     const std::size_t allocatedSize_;
-    const std::unique_ptr<std::uint8_t[]> unescaped_;  // one string at a time, none longer than the text
+    const Receiver* const receiver_;
+    std::vector<std::uint8_t> unescaped_;  // one string at a time
     ondemand::parser parser_;
     ondemand::document document_;
     KeyTable keys_;
@@ -474,12 +502,34 @@ private:
     Fault fault_;
 };
 
-Value decodedText(std::string& text, bool isBracketed, Fault& fault) {
+/// What `text` stands for, or nothing with the fault. `text` may be changed.
+///
+/// simdjson reads a bare value at the top by other rules (it takes "falsex" for false), so such a value is
+/// read as the only element of an array. So is a text without its end, of which simdjson does not say where
+/// it fails.
+Value decodedText(std::string& text, const Receiver* receiver, Fault& fault) {
+    const auto decode = [&](bool isBracketed) {
+        const std::size_t size = text.size();
+        text.append(simdjson::SIMDJSON_PADDING, ' ');
+        Decoder decoder(std::string_view(text).substr(0, size), text.size(),
+                        isBracketed ? nullptr : receiver);
+        Value value = decoder.decode(isBracketed);
+        fault = decoder.fault();
+        return value;
+    };
     const std::size_t size = text.size();
-    text.append(simdjson::SIMDJSON_PADDING, ' ');
-    Decoder decoder(std::string_view(text).substr(0, size), text.size());
-    Value value = decoder.decode(isBracketed);
-    fault = decoder.fault();
+    const std::size_t start = text.find_first_not_of(" \t\n\r");
+    const bool isContainer = start != std::string::npos && (text[start] == '[' || text[start] == '{');
+    text.reserve(size + NSJSONSerialization::spareCapacity);
+    if (isContainer) {
+        Value value = decode(false);
+        if (!fault.isOpenEnd) return value;
+        text.resize(size);
+    }
+    text.insert(0, 1, '[') += ']';
+    Value value = decode(true);
+    if (value.isNothing())
+        fault.offset = std::min(size, fault.offset - std::min<std::size_t>(fault.offset, 1));
     return value;
 }
 
@@ -504,28 +554,25 @@ Value NSJSONSerialization::JSONObjectWithData(std::string_view text, NSErrorPtr*
     return JSONObjectWithData(std::move(copy), error);
 }
 
-// simdjson reads a bare value at the top by other rules (it takes "falsex" for false), so such a value is
-// read as the only element of an array. So is a text without its end, of which simdjson does not say where it
-// fails.
 Value NSJSONSerialization::JSONObjectWithData(std::string&& given, NSErrorPtr* error) {
     if (given.size() > kMaximumSize) return refused(kTooLarge, error);
     std::string text = std::move(given);
-    const std::size_t size = text.size();
-    const std::size_t start = text.find_first_not_of(" \t\n\r");
-    const bool isContainer = start != std::string::npos && (text[start] == '[' || text[start] == '{');
-    text.reserve(size + spareCapacity);
-
     Fault fault;
-    if (isContainer) {
-        Value value = decodedText(text, false, fault);
-        if (!fault.isOpenEnd) return value.isNothing() ? refused(fault, error) : value;
-        text.resize(size);
+    Value value = decodedText(text, nullptr, fault);
+    return value.isNothing() ? refused(fault, error) : value;
+}
+
+bool NSJSONSerialization::enumerateArrayWithData(std::string&& given, const Receiver& receive,
+                                                 NSErrorPtr* error) {
+    Fault fault = kTooLarge;
+    if (given.size() <= kMaximumSize) {
+        std::string text = std::move(given);
+        const Value value = decodedText(text, &receive, fault);
+        if (value.isArray()) return true;
+        if (!value.isNothing()) fault = kNoArray;
     }
-    text.insert(0, 1, '[') += ']';
-    Value value = decodedText(text, true, fault);
-    if (!value.isNothing()) return value;
-    fault.offset = std::min(size, fault.offset - std::min<std::size_t>(fault.offset, 1));
-    return refused(fault, error);
+    (void)refused(fault, error);
+    return false;
 }
 
 std::string NSJSONSerialization::dataWithJSONObject(const Value& value) {

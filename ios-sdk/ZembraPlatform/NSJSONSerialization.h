@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -17,12 +18,16 @@ enum NSJSONSerializationErrorCode : NSInteger {
     NSJSONSerializationErrorTooDeep =
         2,  ///< More than `maximumDepth` arrays and dictionaries inside each other.
     NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more.
+    NSJSONSerializationErrorNoArray = 4,   ///< JSON, but no array where one was asked for.
 };
 
 /// The key of such an error's user information under which the byte offset of the fault stands, a number.
 extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorOffsetKey[];
 
 /// From JSON text to values and back. No state; any thread.
+///
+/// Values that are kept of a text keep little of it: a string or an array at most 2 KiB beside it, a
+/// dictionary 4 KiB.
 ///
 /// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a
 /// key that stands twice in a dictionary the last value counts; zero characters inside strings are kept;
@@ -47,6 +52,14 @@ public:
     [[nodiscard]] static Value JSONObjectWithData(const char* text, NSErrorPtr* error = nullptr) {
         return JSONObjectWithData(std::string_view(text), error);
     }
+
+    /// Hands each element of the array that `text` stands for to `receive` as soon as it is decoded, in
+    /// order, so that a long list is never in memory as a whole. False where the text is no array or turns
+    /// out not to be JSON; then `*error` (if given) says why, and elements that stand before the fault may
+    /// have been received. An exception of `receive` ends it and passes on. The text's memory is freed before
+    /// this returns.
+    static bool enumerateArrayWithData(std::string&& text, const std::function<void(Value element)>& receive,
+                                       NSErrorPtr* error = nullptr);
 
     /// Compact JSON text, always well-formed: bytes that are no UTF-8 become U+FFFD, a date its ISO 8601
     /// text, an object the string of its class name, nothing and numbers that JSON cannot say (infinities)

@@ -61,28 +61,35 @@ std::size_t firstWithSameKey(std::span<const Value::Entry> entries, std::size_t 
 // Making values
 // ----------------------------------------------------------------------------------------------------
 
-Value::Storage Value::allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount) {
+Value::Storage Value::allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount,
+                               SlabAllocator* slabs) {
     Storage storage;
-    storage.contents = new (::operator new(sizeof(Contents) + byteCount)) Contents{1};
+    const std::size_t size = sizeof(Contents) + byteCount;
+    void* place = slabs == nullptr ? nullptr : slabs->room(size);
+    if (place != nullptr)
+        storage.slabOffset = slabs->take(size);
+    else
+        place = ::operator new(size);
+    storage.contents = new (place) Contents{1};
     storage.count = static_cast<std::uint32_t>(count);
     storage.kind = kind;
     return storage;
 }
 
-Value Value::arrayOfParts(const Value* elements, std::size_t count) {
+Value Value::arrayOfParts(const Value* elements, std::size_t count, SlabAllocator* slabs) {
     checkCount(count);
     const std::size_t byteCount = count * sizeof(Value);
-    Value array(allocate(static_cast<std::uint8_t>(Type::array), count, byteCount));
+    Value array(allocate(static_cast<std::uint8_t>(Type::array), count, byteCount, slabs));
     if (count != 0) std::memcpy(static_cast<void*>(array.items()), elements, byteCount);
     return array;
 }
 
-Value Value::dictionaryOfParts(const Value* keysAndValues, std::size_t count) {
+Value Value::dictionaryOfParts(const Value* keysAndValues, std::size_t count, SlabAllocator* slabs) {
     checkCount(count);
     const std::size_t byteCount = count * sizeof(Entry);
     const std::size_t slotCount = slotCountFor(count);
-    Value dictionary(
-        allocate(static_cast<std::uint8_t>(Type::dictionary), count, byteCount + slotCount * sizeof(Slot)));
+    Value dictionary(allocate(static_cast<std::uint8_t>(Type::dictionary), count,
+                              byteCount + slotCount * sizeof(Slot), slabs));
     if (count != 0) std::memcpy(static_cast<void*>(dictionary.items()), keysAndValues, byteCount);
     const std::span<const Entry> entries = dictionary.entries();
     dictionary.storage_.containsNull =
@@ -160,12 +167,50 @@ Value Value::dictionary(std::initializer_list<Entry> entries) {
 namespace {
 
 /// Whether the caller was the last holder. A sole holder needs no atomic write: nobody else can come to hold.
-bool letGo(std::atomic<std::uintptr_t>& holders) noexcept {
+template <class Count>
+bool letGo(std::atomic<Count>& holders) noexcept {
     return holders.load(std::memory_order_acquire) == 1 ||
            holders.fetch_sub(1, std::memory_order_acq_rel) == 1;
 }
 
 }  // namespace
+
+void Value::free(const Storage& storage) noexcept {
+    if (storage.kind == static_cast<std::uint8_t>(Type::object))
+        std::destroy_at(reinterpret_cast<std::shared_ptr<NSObject>*>(storage.contents + 1));
+    if (storage.slabOffset == 0)
+        ::operator delete(storage.contents);
+    else
+        SlabAllocator::release(storage);
+}
+
+void SlabAllocator::release(const Value::Storage& storage) noexcept {
+    char* const contents = reinterpret_cast<char*>(storage.contents);
+    auto* const slab = reinterpret_cast<Value::Slab*>(contents - kUnit * storage.slabOffset);
+    if (letGo(slab->holders)) ::operator delete(slab);
+}
+
+char* SlabAllocator::open() {
+    // A slab whose contents are all gone is used anew: it is still in the caches.
+    const bool isEmpty =
+        slab_ != nullptr && slab_->holders.load(std::memory_order_acquire) == kHoldersAtOpening - takenCount_;
+    if (!isEmpty) {
+        void* const memory = ::operator new(size_);
+        close();
+        slab_ = static_cast<Value::Slab*>(memory);
+    }
+    new (slab_) Value::Slab{kHoldersAtOpening};
+    takenCount_ = 0;
+    free_ = reinterpret_cast<char*>(slab_) + kUnit;
+    end_ = reinterpret_cast<char*>(slab_) + size_;
+    return free_;
+}
+
+void SlabAllocator::close() noexcept {
+    if (slab_ == nullptr) return;
+    const std::uint32_t own = kHoldersAtOpening - takenCount_;
+    if (slab_->holders.fetch_sub(own, std::memory_order_acq_rel) == own) ::operator delete(slab_);
+}
 
 void Value::release() noexcept {
     if (letGo(storage_.contents->holders)) destroy(storage_);
@@ -175,11 +220,6 @@ void Value::release() noexcept {
 // held the dying container keeps the storage of the container around it, and the count of holders of the
 // dying container, which is 0, keeps the address of that item.
 void Value::destroy(Storage dead) noexcept {
-    const auto freeContents = [](const Storage& storage) {
-        if (storage.kind == static_cast<std::uint8_t>(Type::object))
-            std::destroy_at(reinterpret_cast<std::shared_ptr<NSObject>*>(storage.contents + 1));
-        ::operator delete(storage.contents);
-    };
     const auto itemsOf = [](const Storage& storage) {
         return reinterpret_cast<Value*>(storage.contents + 1);
     };
@@ -192,11 +232,12 @@ void Value::destroy(Storage dead) noexcept {
     dead.contents->holders.store(0, std::memory_order_relaxed);
     Value* item = itemsOf(dead);
     for (;;) {
-        while (item != itemsOf(dead) + itemCountOf(dead)) {
+        const Value* end = itemsOf(dead) + itemCountOf(dead);
+        while (item != end) {
             if (!item->isCounted() || !letGo(item->storage_.contents->holders)) {
                 ++item;
             } else if (itemCountOf(item->storage_) == 0) {
-                freeContents(item->storage_);
+                free(item->storage_);
                 ++item;
             } else {
                 const Storage child = std::exchange(item->storage_, dead);
@@ -204,10 +245,11 @@ void Value::destroy(Storage dead) noexcept {
                                               std::memory_order_relaxed);
                 dead = child;
                 item = itemsOf(dead);
+                end = item + itemCountOf(dead);
             }
         }
         item = reinterpret_cast<Value*>(dead.contents->holders.load(std::memory_order_relaxed));
-        freeContents(dead);
+        free(dead);
         if (item == nullptr) return;
         dead = item->storage_;
         ++item;

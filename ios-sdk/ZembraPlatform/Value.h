@@ -21,6 +21,8 @@ namespace zembra {
 /// A point in time, in microseconds since 1970-01-01T00:00:00Z.
 using Date = std::chrono::sys_time<std::chrono::microseconds>;
 
+class SlabAllocator;
+
 /// A type of whole numbers of at most 64 bits.
 template <typename T>
 concept WholeNumber = std::integral<T> && !std::same_as<T, bool> && sizeof(T) <= sizeof(std::int64_t);
@@ -188,11 +190,13 @@ public:
     ZEMBRA_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Value& value);
 
 private:
+    friend class SlabAllocator;
     friend class ValueBuilder;
 
-    // A scalar or a short string lies in the value itself. Everything else is one allocation: the number of
-    // its holders, then the characters, the items or the `std::shared_ptr`. The count of characters or items
-    // stands in the value, so asking for it touches no other memory.
+    // A scalar or a short string lies in the value itself. Everything else has contents elsewhere: the number
+    // of its holders, then the characters, the items or the `std::shared_ptr`. The count of characters or
+    // items stands in the value, so asking for it touches no other memory. Contents are an allocation of
+    // their own, or lie in a slab, which the decoder allocates for several of them.
     struct Contents {
         std::atomic<std::uintptr_t> holders;
     };
@@ -206,12 +210,15 @@ private:
             bool boolean;
             Contents* contents;
         };
-        std::uint32_t count = 0;  // where `contents` stands
-        bool containsNull = false;
-        std::uint8_t unused = 0;             // a short string takes all bytes up to here,
-        std::uint8_t shortStringLength = 0;  // and this many of them
+        std::uint32_t count = 0;       // where `contents` stands
+        std::uint16_t slabOffset = 0;  // and theirs in their slab, in units of 8 bytes; 0 where there is none
+        union {
+            std::uint8_t shortStringLength = 0;  // a short string takes the bytes up to here
+            bool containsNull;                   // of a dictionary
+        };
         std::uint8_t kind = 0;
     };
+    struct Slab;
 
     explicit Value(const Storage& storage) noexcept : storage_(storage) {}
 
@@ -222,12 +229,17 @@ private:
         if (isCounted()) storage_.contents->holders.fetch_add(1, std::memory_order_relaxed);
     }
     void release() noexcept;
-    [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount);
+    [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount,
+                                          SlabAllocator* slabs = nullptr);
+    [[nodiscard]] static Storage shortString(const char* characters, std::size_t length) noexcept;
+    static void free(const Storage& storage) noexcept;
     static void destroy(Storage dead) noexcept;
 
     // Take the parts over as bytes: the caller forgets them without destroying them.
-    [[nodiscard]] static Value arrayOfParts(const Value* elements, std::size_t count);
-    [[nodiscard]] static Value dictionaryOfParts(const Value* keysAndValues, std::size_t count);
+    [[nodiscard]] static Value arrayOfParts(const Value* elements, std::size_t count,
+                                            SlabAllocator* slabs = nullptr);
+    [[nodiscard]] static Value dictionaryOfParts(const Value* keysAndValues, std::size_t count,
+                                                 SlabAllocator* slabs = nullptr);
 
     [[nodiscard]] Value* items() const noexcept { return reinterpret_cast<Value*>(storage_.contents + 1); }
     [[nodiscard]] const std::shared_ptr<NSObject>& object() const noexcept;

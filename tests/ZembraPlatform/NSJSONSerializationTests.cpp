@@ -2,12 +2,16 @@
 #include <functional>
 #include <limits>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <ZembraPlatform/NSJSONSerialization.h>
 
@@ -182,6 +186,108 @@ TEST(NSJSONSerializationTests, DictionariesOfAnyOrderAndSizeKeepTheirKeys) {
         ASSERT_EQ(large["a key, number " + std::to_string(number)],
                   Value(number < 10'000 ? number + 90'000 : number));
 }
+
+TEST(NSJSONSerializationTests, ArraysAreHandedOverElementByElement) {
+    const struct {
+        std::string text;
+        std::vector<Value> received;
+        NSInteger code;  // of the error, 0 without one
+    } cases[] = {
+        {R"( [1, [2, [3]], {"a": [4]}, null] )",
+         {1, decoded("[2,[3]]"), decoded(R"({"a":[4]})"), Value::null()},
+         0},
+        {"[]", {}, 0},
+        {R"({"a": [1, 2]})", {}, NSJSONSerializationErrorNoArray},
+        {"1", {}, NSJSONSerializationErrorNoArray},
+        {"", {}, NSJSONSerializationErrorMalformed},
+        {R"([1, "a", nul])", {1, "a"}, NSJSONSerializationErrorMalformed},
+        {"[1, 2", {}, NSJSONSerializationErrorMalformed},
+        {"[1, 2] 3", {}, NSJSONSerializationErrorMalformed},
+        {"[1," + repeated("[", 512) + repeated("]", 512) + "]", {1}, NSJSONSerializationErrorTooDeep},
+    };
+    for (const auto& [text, received, code] : cases) {
+        SCOPED_TRACE(text.substr(0, 100));
+        std::vector<Value> elements;
+        NSErrorPtr error;
+        const auto add = [&elements](Value element) { elements.push_back(std::move(element)); };
+        EXPECT_EQ(NSJSONSerialization::enumerateArrayWithData(std::string(text), add, &error), code == 0);
+        EXPECT_EQ(NSJSONSerialization::enumerateArrayWithData(std::string(text), [](Value) {}), code == 0);
+        EXPECT_EQ(elements, received);
+        EXPECT_EQ(error == nullptr ? 0 : error->code(), code);
+        if (code != NSJSONSerializationErrorMalformed) continue;
+        EXPECT_EQ(error->userInfo(), refusal(text)->userInfo());
+    }
+    EXPECT_THROW(
+        NSJSONSerialization::enumerateArrayWithData("[1]", [](Value) { throw std::length_error(""); }),
+        std::length_error);
+}
+
+TEST(NSJSONSerializationTests, ValuesOutliveTheirTextAndTheirNeighbours) {
+    // Strings of all lengths around those at which they are kept otherwise, half of them escaped, in records
+    // of which a part is kept here and a part let go on other threads.
+    std::string text = "[";
+    std::vector<Value> expected;
+    for (std::size_t number = 0; number < 3000; ++number) {
+        const std::string letters(number % 700 < 40 ? number % 40 : number % 700, 'x');
+        text += R"({"s":")" + letters + (number % 2 == 0 ? R"(\u00e9",)" : "\",");
+        text += R"("t":[")" + letters + R"("],"other":"what is let go of the record"},)";
+        expected.push_back(
+            Value::array({letters + (number % 2 == 0 ? "\u00e9" : ""), Value::array({letters})}));
+    }
+    text.back() = ']';
+    Value records = decoded(text);
+    std::vector<Value> kept;
+    for (std::size_t index = 0; index < expected.size(); ++index)
+        kept.push_back(Value::array({records[index]["s"], records[index]["t"]}));
+    std::vector<std::thread> threads;
+    for (std::size_t start = 0; start < 4; ++start) {
+        threads.emplace_back([start, copy = records, &kept, &expected]() mutable {
+            for (std::size_t index = start; index < expected.size(); index += 4) {
+                EXPECT_EQ(std::exchange(kept[index], {}), expected[index]);
+                kept[index] = copy[index]["t"];
+            }
+        });
+    }
+    records = {};
+    for (std::thread& thread : threads)
+        thread.join();
+    for (std::size_t index = 0; index < expected.size(); ++index)
+        EXPECT_EQ(kept[index], expected[index][1]);
+}
+
+TEST(NSJSONSerializationTests, ElementsMayGoToOtherThreadsAtOnce) {
+    const std::string record = R"({"a key that is longer than some":["a string that is longer","b"]})";
+    std::vector<std::thread> threads;
+    std::vector<Value> batch;
+    const auto receive = [&](Value element) {
+        batch.push_back(std::move(element));
+        if (batch.size() < 100) return;
+        threads.emplace_back([&record, batch = std::exchange(batch, {})] {
+            for (const Value& own : batch)
+                EXPECT_EQ(own.text(), record);
+        });
+    };
+    EXPECT_TRUE(NSJSONSerialization::enumerateArrayWithData("[" + repeated(record + ",", 1999) + record + "]",
+                                                            receive));
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(threads.size(), 20u);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST(NSJSONSerializationTests, AKeptValueKeepsLittleBesideIt) {
+    const std::string record =
+        R"({"id":"an identifier","list":["some of its elements"],"text":")" + std::string(300, 'x') + "\"},";
+    std::string text = "[" + repeated(record, 10'000);
+    text.back() = ']';
+    const std::size_t before = mallinfo2().uordblks;
+    Value records = decoded(text);
+    const std::vector<Value> kept{records[100]["text"], records[5000]["list"], records[9000]};
+    EXPECT_GT(mallinfo2().uordblks, before + text.size());
+    records = {};
+    EXPECT_LT(mallinfo2().uordblks, before + 20'000);
+}
+#endif
 
 TEST(NSJSONSerializationTests, WritesCompactWellFormedText) {
     const struct {

@@ -11,40 +11,6 @@ const PropertyDescription* Class::property(std::string_view propertyName) const 
     return superclass == nullptr ? nullptr : superclass()->property(propertyName);
 }
 
-namespace {
-
-template <class Tag>
-constexpr Class tagClass(std::string_view name) {
-    return {name, &typeid(Tag), nullptr, {}, nullptr};
-}
-
-}  // namespace
-
-const Class& NSString::staticClass() noexcept {
-    static constexpr Class description = tagClass<NSString>("NSString");
-    return description;
-}
-
-const Class& NSNumber::staticClass() noexcept {
-    static constexpr Class description = tagClass<NSNumber>("NSNumber");
-    return description;
-}
-
-const Class& NSDate::staticClass() noexcept {
-    static constexpr Class description = tagClass<NSDate>("NSDate");
-    return description;
-}
-
-const Class& NSArray::staticClass() noexcept {
-    static constexpr Class description = tagClass<NSArray>("NSArray");
-    return description;
-}
-
-const Class& NSDictionary::staticClass() noexcept {
-    static constexpr Class description = tagClass<NSDictionary>("NSDictionary");
-    return description;
-}
-
 // Creation
 // --------------------------------------------------------------------------------------------------------
 
@@ -67,35 +33,40 @@ struct ObjectOwner {
     NSObject* object = nullptr;
 };
 
+/// The object that is to be made.
+struct NewObject {
+    std::size_t size;
+    void* place;
+};
+
 /// Allocates the control block with room for the object behind it.
 template <class ControlBlock>
 struct BlockAllocator {
     using value_type = ControlBlock;
 
-    BlockAllocator(std::size_t size, void** place) noexcept : objectSize(size), objectPlace(place) {}
+    explicit BlockAllocator(NewObject* object) noexcept : newObject(object) {}
     template <class Other>
-    BlockAllocator(const BlockAllocator<Other>& other) noexcept
-        : objectSize(other.objectSize), objectPlace(other.objectPlace) {}
+    BlockAllocator(const BlockAllocator<Other>& other) noexcept : newObject(other.newObject) {}
 
     ControlBlock* allocate(std::size_t) {
         static_assert(alignof(ControlBlock) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-        auto* const block = static_cast<char*>(::operator new(roundedUp(sizeof(ControlBlock)) + objectSize));
-        *objectPlace = block + roundedUp(sizeof(ControlBlock));
+        const std::size_t offset = roundedUp(sizeof(ControlBlock));
+        auto* const block = static_cast<char*>(::operator new(offset + newObject->size));
+        newObject->place = block + offset;
         return reinterpret_cast<ControlBlock*>(block);
     }
     void deallocate(ControlBlock* block, std::size_t) noexcept { ::operator delete(block); }
     bool operator==(const BlockAllocator&) const = default;
 
-    std::size_t objectSize;
-    void** objectPlace;  // used by `allocate` only
+    NewObject* newObject;  // used by `allocate` only; the control block keeps a copy of this allocator
 };
 
 }  // namespace
 
 std::shared_ptr<NSObject> detail::makeObject(std::size_t size, NSObject* (*construct)(void* place)) {
-    void* place = nullptr;
-    const auto owner = std::allocate_shared<ObjectOwner>(BlockAllocator<ObjectOwner>(size, &place));
-    owner->object = construct(place);
+    NewObject newObject{size, nullptr};
+    const auto owner = std::allocate_shared<ObjectOwner>(BlockAllocator<ObjectOwner>(&newObject));
+    owner->object = construct(newObject.place);
     return {owner, owner->object};
 }
 

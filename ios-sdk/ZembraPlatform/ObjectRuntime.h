@@ -27,8 +27,23 @@ struct Class;
 class PropertyHolder;
 
 namespace detail {
+
 Value* storageOfProperty(PropertyHolder& holder) noexcept;
-}
+
+/// The first sixteen bytes of a name, zeros behind its last: names are compared by words.
+struct NameHead {
+    std::uint64_t words[2] = {};  // the first byte lowest
+
+    constexpr NameHead() noexcept = default;
+    constexpr NameHead(std::uint64_t first, std::uint64_t second) noexcept : words{first, second} {}
+    constexpr explicit NameHead(std::string_view name) noexcept {
+        for (std::size_t index = 0; index < name.size() && index < sizeof words; ++index)
+            words[index / 8] |= std::uint64_t{static_cast<unsigned char>(name[index])} << index % 8 * 8;
+    }
+    friend constexpr bool operator==(const NameHead&, const NameHead&) noexcept = default;
+};
+
+}  // namespace detail
 
 /// A declared property of a class.
 struct PropertyDescription {
@@ -39,6 +54,8 @@ struct PropertyDescription {
 
     /// Where an object of the class (or of one derived from it) holds the property; `nullptr` for scalars.
     Value* (*storage)(NSObject& object) noexcept;
+
+    detail::NameHead head{name};
 };
 
 /// The description of a class. Each shared library that uses a class may have a description of its own, so
@@ -67,26 +84,20 @@ struct ZEMBRA_EXPORT Class {
 
 /// Tags that stand for the classes of strings, numbers (booleans included), dates, arrays and dictionaries in
 /// declarations of properties. What such a property holds is a `Value`.
-struct ZEMBRA_EXPORT NSString {
-    using ZembraClass = NSString;
-    [[nodiscard]] static const Class& staticClass() noexcept;
-};
-struct ZEMBRA_EXPORT NSNumber {
-    using ZembraClass = NSNumber;
-    [[nodiscard]] static const Class& staticClass() noexcept;
-};
-struct ZEMBRA_EXPORT NSDate {
-    using ZembraClass = NSDate;
-    [[nodiscard]] static const Class& staticClass() noexcept;
-};
-struct ZEMBRA_EXPORT NSArray {
-    using ZembraClass = NSArray;
-    [[nodiscard]] static const Class& staticClass() noexcept;
-};
-struct ZEMBRA_EXPORT NSDictionary {
-    using ZembraClass = NSDictionary;
-    [[nodiscard]] static const Class& staticClass() noexcept;
-};
+#define ZEMBRA_PROPERTY_TAG(Tag)                                                          \
+    struct ZEMBRA_EXPORT Tag {                                                            \
+        using ZembraClass = Tag;                                                          \
+        [[nodiscard]] static const Class& staticClass() noexcept {                        \
+            static constexpr Class description{#Tag, &typeid(Tag), nullptr, {}, nullptr}; \
+            return description;                                                           \
+        }                                                                                 \
+    };
+ZEMBRA_PROPERTY_TAG(NSString)
+ZEMBRA_PROPERTY_TAG(NSNumber)
+ZEMBRA_PROPERTY_TAG(NSDate)
+ZEMBRA_PROPERTY_TAG(NSArray)
+ZEMBRA_PROPERTY_TAG(NSDictionary)
+#undef ZEMBRA_PROPERTY_TAG
 
 /// The objects of class `Object` in an array, in order, each as a `std::shared_ptr<Object>`; whatever else
 /// stands there is passed over. It reads the elements where they are: the array must outlive it.

@@ -87,14 +87,14 @@ std::optional<std::string> written(std::string_view s, std::size_t n) {
 TEST(CamelizationTests, AgreesWithThePlainRuleOnRandomStrings) {
     const std::vector<std::string> pieces{"a", "z",   "Q", "word", "_", "_",   "-",
                                           "1", "\0"s, "é", "€",    "😀", "\x80"};
+    const std::size_t kindsInTurn[] = {pieces.size(), 8, 5, 5};  // anything, plain keys, few separators
     std::mt19937 random(20);
     const auto below = [&random](std::size_t bound) { return random() % bound; };
     int ended = 0, endless = 0;
     for (int round = 0; round < 200'000; ++round) {
-        // Mostly plain keys; one in four holds anything.
-        const std::size_t kinds = round % 4 == 0 ? pieces.size() : 8;
+        const std::size_t kinds = kindsInTurn[round % 4];
         std::string key;
-        for (std::size_t rest = below(round % 50 == 0 ? 80 : 12); rest > 0; --rest)
+        for (std::size_t rest = below(round % 49 == 0 ? 80 : 12); rest > 0; --rest)
             key += pieces[below(kinds)];
         const Exactly string(key);
         if (!isWellFormedUTF8(key)) {
@@ -110,7 +110,7 @@ TEST(CamelizationTests, AgreesWithThePlainRuleOnRandomStrings) {
         }
     }
     EXPECT_GT(ended, 50'000);
-    EXPECT_GT(endless, 50'000);
+    EXPECT_GT(endless, 30'000);
 }
 
 void camelizeWithTerminateHandler(const std::string& key) {

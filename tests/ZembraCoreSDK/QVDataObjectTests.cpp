@@ -135,6 +135,27 @@ TEST(QVDataObjectTests, AssignsAsTheRulesSay) {
     }
 }
 
+class Lookalikes : public Place {
+    ZMB_DATA_OBJECT(Lookalikes, Place)
+
+public:
+    ZMB_PROPERTY(NSString, aNameOfSixteenBy);
+    ZMB_PROPERTY(NSString, aNameOfSixteenBytesAndMore);
+    ZMB_PROPERTY(NSString, aNameOfSixteenBytesAndLess);
+    ZMB_PROPERTY(NSString, name2);
+};
+
+TEST(QVDataObjectTests, NamesAreToldApartToTheirLastByteInAnyOrder) {
+    const auto object = Lookalikes::objectWithJSON(JSON(
+        R"({"a_name_of_sixteen_bytes_and_less": 3, "name": 5, "a_name_of_sixteen_by": 1, "name2x": 6, "nam": 7,
+            "a_name_of_sixteen_bytes_and_more": 2, "a_name_of_sixteen_b": 8, "aNameOfSixteenBytesAnd": 9})"));
+    EXPECT_EQ(object->aNameOfSixteenBy.value(), Value(1));
+    EXPECT_EQ(object->aNameOfSixteenBytesAndMore.value(), Value(2));
+    EXPECT_EQ(object->aNameOfSixteenBytesAndLess.value(), Value(3));
+    EXPECT_EQ(object->name.value(), Value(5));
+    EXPECT_TRUE(object->name2.value().isNothing());
+}
+
 TEST(QVDataObjectTests, ScalarsAreNeverAssigned) {
     const auto place = Place::objectWithJSON(JSON(R"({"visits": 5, "is_open": true, "isOpen": true})"));
     place->setPropertyValue(5, "visits", NSNumber::staticClass());

@@ -18,6 +18,7 @@ struct Peer {
 
 constexpr Peer kPeers[] = {
     {"ZembraCoreSDK", Zembra::map},
+    {"ZembraCoreSDK, array first", ZembraArray::map},
     {"simdjson On-Demand, by hand", SimdjsonOnDemand::map},
     {"simdjson DOM, by hand", SimdjsonDOM::map},
     {"RapidJSON, by hand", RapidJSON::map},

@@ -18,6 +18,7 @@ namespace bench {
     };
 
 BENCH_PEER(Zembra)
+BENCH_PEER(ZembraArray)
 BENCH_PEER(SimdjsonDOM)
 BENCH_PEER(SimdjsonOnDemand)
 BENCH_PEER(BoostJSON)

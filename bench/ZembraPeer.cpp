@@ -47,23 +47,28 @@ public:
     }
 };
 
-std::vector<std::shared_ptr<Place>> placesOf(std::string& text) {
+using Places = std::vector<std::shared_ptr<Place>>;
+
+Places placesOneByOne(std::string& text) {
+    Places places;
+    const auto add = [&places](Value record) {
+        if (auto place = Place::objectWithJSON(std::move(record))) places.push_back(std::move(place));
+    };
+    zembra::NSJSONSerialization::enumerateArrayWithData(std::move(text), add);
+    return places;
+}
+
+Places placesOfArray(std::string& text) {
     Value json = zembra::NSJSONSerialization::JSONObjectWithData(std::move(text));
     return Place::objectsWithArrayOfJSON(std::move(json)).value();
 }
 
-}  // namespace
-
-std::size_t Zembra::map(std::string& text) {
-    return placesOf(text).size();
-}
-
-Summary Zembra::summaryOf(std::string& text) {
+Summary summaryOfPlaces(const Places& places) {
     Summary summary;
     const auto add = [&summary](const zembra::Property<NSString>& string) {
         summary.textLength += string.get().value_or("").size();
     };
-    for (const std::shared_ptr<Place>& place : placesOf(text)) {
+    for (const std::shared_ptr<Place>& place : places) {
         ++summary.places;
         for (const auto* string : {&place->placeKey, &place->displayName, &place->summaryText,
                                    &place->categoryName, &place->phoneNumber, &place->webSite})
@@ -81,6 +86,22 @@ Summary Zembra::summaryOf(std::string& text) {
         summary.numbers += place->ownerInfo->placeCount.get<std::int64_t>().value_or(0);
     }
     return summary;
+}
+
+}  // namespace
+
+std::size_t Zembra::map(std::string& text) {
+    return placesOneByOne(text).size();
+}
+Summary Zembra::summaryOf(std::string& text) {
+    return summaryOfPlaces(placesOneByOne(text));
+}
+
+std::size_t ZembraArray::map(std::string& text) {
+    return placesOfArray(text).size();
+}
+Summary ZembraArray::summaryOf(std::string& text) {
+    return summaryOfPlaces(placesOfArray(text));
 }
 
 }  // namespace bench

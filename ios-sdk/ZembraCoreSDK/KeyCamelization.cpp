@@ -1,9 +1,7 @@
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <exception>
-#include <span>
 
 #include <ZembraCoreSDK/KeyCamelization.h>
 #include <ZembraCoreSDK/QVDataObject.h>
@@ -68,31 +66,44 @@ std::size_t camelize(std::string_view scanned, char* out) noexcept {
     return std::min(end, length);
 }
 
-constexpr std::string_view kRoomInString =
-    "               ";  // what every std::string has room for in itself
-
-/// The form of most keys of any length up to some that suffices; `std::nullopt`, with nothing decided, for
-/// any other key. It lives in `buffer`.
-std::optional<std::string_view> nameForKey(std::string_view key, std::span<char> buffer) noexcept {
-    if (key.empty() || key.size() + WordCamelization::kWordSize > buffer.size() ||
-        !WordCamelization::isSupported)
-        return std::nullopt;
+/// The form of most keys, written to `out`; `std::nullopt`, with nothing decided, for any other key.
+std::optional<std::string_view> camelizeByWords(std::string_view key, NameBytes& out) noexcept {
+    const bool hasRoom = key.size() + WordCamelization::kWordSize <= out.size();
+    if (key.empty() || !hasRoom || !WordCamelization::isSupported) return std::nullopt;
     WordCamelization conversion;
     std::size_t length = 0;
     for (std::size_t index = 0; index < key.size(); index += WordCamelization::kWordSize) {
         const WordCamelization::Word word = conversion.convert(key, index);
-        std::memcpy(buffer.data() + length, &word.bytes, sizeof word.bytes);
+        std::memcpy(out.data() + length, &word.bytes, sizeof word.bytes);
         length += word.size;
     }
     if (!conversion.isRight()) return std::nullopt;
-    return std::string_view(buffer.data(), length);
+    return std::string_view(out.data(), length);
 }
+
+/// The form of any key.
+void camelizeByBytes(std::string_view key, std::optional<std::string>& result) {
+    if (!isWellFormedUTF8(key)) return;
+    const std::string_view scanned = key.substr(0, scannedLength(key));
+    result.emplace(scanned.size(), '\0');
+    result->resize(camelize(scanned, result->data()));
+    if (!isWellFormedUTF8(*result)) result.reset();
+}
+
+constexpr std::string_view kRoomInString = "               ";  // for as many bytes, none is allocated
 
 }  // namespace
 
+std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer) {
+    if (const auto name = camelizeByWords(key, buffer.bytes)) return name;
+    buffer.other.reset();
+    camelizeByBytes(key, buffer.other);
+    return buffer.other;
+}
+
 std::optional<std::string> camelizedString(std::string_view string) {
     std::optional<std::string> result;  // the only one to return: it is made where the caller wants it
-    std::array<char, 72> buffer;
+    NameBytes buffer;
     if (const auto name = shortNameForKey(string); name && name->size <= kRoomInString.size()) {
         // All of that room is written, so that nothing depends on a length that no processor foresees.
         result.emplace(kRoomInString);
@@ -100,13 +111,10 @@ std::optional<std::string> camelizedString(std::string_view string) {
         std::memcpy(result->data(), &name->head.words[0], sizeof(std::uint64_t));
         std::memcpy(result->data() + 7, &end, sizeof end);
         result->resize(name->size);
-    } else if (const auto longName = nameForKey(string, buffer)) {
+    } else if (const auto longName = camelizeByWords(string, buffer)) {
         result.emplace(*longName);
-    } else if (isWellFormedUTF8(string)) {
-        const std::string_view scanned = string.substr(0, scannedLength(string));
-        result.emplace(scanned.size(), '\0');
-        result->resize(camelize(scanned, result->data()));
-        if (!isWellFormedUTF8(*result)) result.reset();
+    } else {
+        camelizeByBytes(string, result);
     }
     return result;
 }

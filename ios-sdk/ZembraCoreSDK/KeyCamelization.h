@@ -1,11 +1,12 @@
 #pragma once
 
-#include <algorithm>
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include <ZembraPlatform/ObjectRuntime.h>
@@ -114,5 +115,17 @@ struct ShortName {
     }
     return conversion.isRight() ? std::optional(name) : std::nullopt;
 }
+
+/// Room for what a key of up to 64 bytes is converted to by words.
+using NameBytes = std::array<char, 64 + WordCamelization::kWordSize>;
+
+/// Where a longer name lives, most of them in `bytes`.
+struct NameBuffer {
+    NameBytes bytes;
+    std::optional<std::string> other;
+};
+
+/// The form of any key, as `camelizedString` has it; it lives in `buffer`.
+[[nodiscard]] std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer);
 
 }  // namespace zembra

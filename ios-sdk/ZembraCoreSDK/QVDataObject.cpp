@@ -102,18 +102,15 @@ bool QVDataObject::initWithJSON(Value json) {
     const bool isDirect = !cls.overridesMapping && *cls.type == typeid(*this);
     const bool containsNull = json.containsNull();
     PropertySearch search(cls);
-    std::optional<std::string> longName;
+    NameBuffer buffer;
     const std::span<const Value::Entry> entries = json.entries();
     for (std::size_t index = 0; index < entries.size(); ++index) {
         const std::string_view key = *entries[index].key.string();
-        std::optional<ShortName> shortName = shortNameForKey(key);
-        if (!shortName) {
-            longName = camelizedString(key);
-            if (!longName) continue;
-            shortName = ShortName{detail::NameHead(*longName), longName->size()};
-        }
-        const detail::NameHead& head = shortName->head;
-        const std::string_view name = shortName->size > sizeof head ? *longName : shortName->string();
+        const std::optional<ShortName> shortName = shortNameForKey(key);
+        const std::optional<std::string_view> longName = shortName ? std::nullopt : nameForKey(key, buffer);
+        if (!shortName && !longName) continue;
+        const std::string_view name = shortName ? shortName->string() : *longName;
+        const detail::NameHead head = shortName ? shortName->head : detail::NameHead(name);
         if (isSkipped(head)) continue;
         if (containsNull && json[name].isNull()) continue;
         if (!isDirect) {

@@ -218,7 +218,8 @@ private:
         std::size_t count = 0;
         for (auto element : array) {
             if (element.error() != simdjson::SUCCESS) return fail(element.error());
-            auto&& value = std::move(element).value_unsafe();  // read where it is: copying it stalls
+            // NOLINTNEXTLINE(performance-move-const-arg): a value is read where it is, copying it stalls
+            auto&& value = std::move(element).value_unsafe();
             if (++count > 1) return fail(simdjson::TRAILING_CONTENT);
             if (!decodeValue(value, KeyTable::kNone, 0)) return false;
         }
@@ -321,7 +322,8 @@ private:
         const std::size_t start = parts_.size();
         for (auto element : array) {
             if (element.error() != simdjson::SUCCESS) return fail(element.error());
-            auto&& value = std::move(element).value_unsafe();  // read where it is: copying it stalls
+            // NOLINTNEXTLINE(performance-move-const-arg): a value is read where it is, copying it stalls
+            auto&& value = std::move(element).value_unsafe();
             if (!decodeValue(value, outerKey, depth + 1)) return false;
             if (receiver_ != nullptr && depth == 0) (*receiver_)(parts_.pop());
         }

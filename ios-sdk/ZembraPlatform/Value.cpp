@@ -38,6 +38,11 @@ Slot& slotOfKey(std::string_view key, std::span<Slot> slots, const Value::Entry*
     return slots[position];
 }
 
+/// Moves values as bytes: the caller forgets those at `from` without destroying them.
+void copyBytes(Value* to, const Value* from, std::size_t byteCount) {
+    std::memcpy(static_cast<void*>(to), static_cast<const void*>(from), byteCount);
+}
+
 void checkCount(std::size_t count) {
     if (count > kMaximumCount) throw std::length_error("too many items for a zembra::Value");
 }
@@ -80,7 +85,7 @@ Value Value::arrayOfParts(const Value* elements, std::size_t count, SlabAllocato
     checkCount(count);
     const std::size_t byteCount = count * sizeof(Value);
     Value array(allocate(static_cast<std::uint8_t>(Type::array), count, byteCount, slabs));
-    if (count != 0) std::memcpy(static_cast<void*>(array.items()), elements, byteCount);
+    if (count != 0) copyBytes(array.items(), elements, byteCount);
     return array;
 }
 
@@ -90,7 +95,7 @@ Value Value::dictionaryOfParts(const Value* keysAndValues, std::size_t count, Sl
     const std::size_t slotCount = slotCountFor(count);
     Value dictionary(allocate(static_cast<std::uint8_t>(Type::dictionary), count,
                               byteCount + slotCount * sizeof(Slot), slabs));
-    if (count != 0) std::memcpy(static_cast<void*>(dictionary.items()), keysAndValues, byteCount);
+    if (count != 0) copyBytes(dictionary.items(), keysAndValues, byteCount);
     const std::span<const Entry> entries = dictionary.entries();
     dictionary.storage_.containsNull =
         std::ranges::any_of(entries, [](const Entry& entry) { return entry.value.isNull(); });
@@ -106,7 +111,7 @@ Value Value::dictionaryOfParts(const Value* keysAndValues, std::size_t count, Sl
 void ValueBuilder::grow() {
     const std::size_t capacity = std::max<std::size_t>(64, 2 * capacity_);
     Value* const parts = std::allocator<Value>().allocate(capacity);
-    if (size_ != 0) std::memcpy(static_cast<void*>(parts), parts_, size_ * sizeof(Value));
+    if (size_ != 0) copyBytes(parts, parts_, size_ * sizeof(Value));
     if (capacity_ != 0) std::allocator<Value>().deallocate(parts_, capacity_);
     parts_ = parts;
     capacity_ = capacity;
@@ -175,7 +180,7 @@ bool letGo(std::atomic<Count>& holders) noexcept {
 
 }  // namespace
 
-void Value::free(const Storage& storage) noexcept {
+void Value::freeContents(const Storage& storage) noexcept {
     if (storage.kind == static_cast<std::uint8_t>(Type::object))
         std::destroy_at(reinterpret_cast<std::shared_ptr<NSObject>*>(storage.contents + 1));
     if (storage.slabOffset == 0)
@@ -237,7 +242,7 @@ void Value::destroy(Storage dead) noexcept {
             if (!item->isCounted() || !letGo(item->storage_.contents->holders)) {
                 ++item;
             } else if (itemCountOf(item->storage_) == 0) {
-                free(item->storage_);
+                freeContents(item->storage_);
                 ++item;
             } else {
                 const Storage child = std::exchange(item->storage_, dead);
@@ -248,8 +253,9 @@ void Value::destroy(Storage dead) noexcept {
                 end = item + itemCountOf(dead);
             }
         }
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the count of holders kept the address on the way down
         item = reinterpret_cast<Value*>(dead.contents->holders.load(std::memory_order_relaxed));
-        free(dead);
+        freeContents(dead);
         if (item == nullptr) return;
         dead = item->storage_;
         ++item;
@@ -314,6 +320,7 @@ const Value& Value::operator[](std::string_view key) const noexcept {
     }
     const Value shortKey(key);  // short strings are equal where their bytes are, all unused ones being 0
     for (const Entry& entry : entries) {
+        // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison)
         if (std::memcmp(&entry.key.storage_, &shortKey.storage_, sizeof(Storage)) == 0) return entry.value;
     }
     return kNothing;

@@ -232,7 +232,7 @@ private:
     [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount,
                                           SlabAllocator* slabs = nullptr);
     [[nodiscard]] static Storage shortString(const char* characters, std::size_t length) noexcept;
-    static void free(const Storage& storage) noexcept;
+    static void freeContents(const Storage& storage) noexcept;
     static void destroy(Storage dead) noexcept;
 
     // Take the parts over as bytes: the caller forgets them without destroying them.

@@ -41,7 +41,7 @@ endforeach()
 
 # The platform's headers show the standard library and each other; each library has one source file that sees it.
 allow("ios-sdk/ZembraPlatform" "*.h" "${standard}|${platform}")
-set(system "<(linux|sys)/[a-z]+\\.h>|<(cxxabi|dirent|fcntl|poll|pthread|signal|unistd)\\.h>")
+set(system "<(linux|sys)/[a-z]+\\.h>|<(cxxabi|dirent|fcntl|poll|pthread|semaphore|signal|unistd)\\.h>")
 allow("ios-sdk/ZembraPlatform" "*.cpp" "${standard}|${platform}|${own}|${system}|<curl/curl\\.h>|<simdjson\\.h>|<plist/plist\\.h>|<date/date\\.h>")
 foreach(library IN ITEMS curl simdjson plist)
     file(GLOB files "${SOURCE_DIR}/ios-sdk/ZembraPlatform/*.cpp")

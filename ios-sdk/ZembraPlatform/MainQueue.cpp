@@ -1,6 +1,6 @@
 #include <algorithm>
-#include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <mutex>
 #include <new>
@@ -9,6 +9,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -31,11 +32,41 @@ int newDescriptor() noexcept {
 
 struct ZEMBRA_HIDDEN MainQueue::State {
     mutable std::mutex mutex;
-    std::condition_variable changed;
     std::deque<Task> tasks;
     std::uint64_t taken = 0;  // so `taken + tasks.size()` is the number of all tasks ever posted
     bool isStopping = false;
+
+    /// Woken by `changed` while `isWaiting`. A semaphore takes one system call less than a condition
+    /// variable, whose waiter wakes up to a mutex that it must take to be contended.
+    sem_t wakeUp;
+    bool isWaiting = false;
+
     int descriptor = -1;  // made when first asked for: a host that only runs the queue never pays for it
+
+    State() noexcept { ::sem_init(&wakeUp, 0, 0); }
+
+    /// Waits for a call of `changed`, but not beyond `end`; sometimes for less.
+    void wait(std::unique_lock<std::mutex>& lock, const std::optional<Clock::time_point>& end) noexcept {
+        isWaiting = true;
+        lock.unlock();
+        if (end) {
+            const auto time = end->time_since_epoch();
+            const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+            const timespec until{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
+            ::sem_clockwait(&wakeUp, CLOCK_MONOTONIC, &until);
+        } else {
+            ::sem_wait(&wakeUp);
+        }
+        lock.lock();
+        isWaiting = false;
+    }
+
+    /// Ends a wait. Gives up `lock`, which the waiting thread would only wait for.
+    void changed(std::unique_lock<std::mutex> lock) noexcept {
+        const bool wakes = std::exchange(isWaiting, false);
+        lock.unlock();
+        if (wakes) ::sem_post(&wakeUp);
+    }
 
     /// Makes the descriptor readable or not. Only called where that changes, so the counter is 0 or 1.
     void setReadable(bool readable) const noexcept {
@@ -88,12 +119,10 @@ MainQueue& MainQueue::shared() {
 
 void MainQueue::post(Task task) {
     if (!task) return;
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->tasks.push_back(std::move(task));
-        if (state_->tasks.size() == 1) state_->setReadable(true);
-    }
-    state_->changed.notify_one();
+    std::unique_lock lock(state_->mutex);
+    state_->tasks.push_back(std::move(task));
+    if (state_->tasks.size() == 1) state_->setReadable(true);
+    state_->changed(std::move(lock));
 }
 
 std::size_t MainQueue::drain() {
@@ -134,10 +163,8 @@ bool MainQueue::runUntil(const std::function<bool()>& condition, std::chrono::mi
             lock.lock();
         } else if (isOver) {
             break;
-        } else if (end) {
-            state_->changed.wait_until(lock, *end);
         } else {
-            state_->changed.wait(lock);
+            state_->wait(lock, end);
         }
     }
     state_->isStopping = false;
@@ -145,11 +172,9 @@ bool MainQueue::runUntil(const std::function<bool()>& condition, std::chrono::mi
 }
 
 void MainQueue::stop() {
-    {
-        const std::lock_guard lock(state_->mutex);
-        state_->isStopping = true;
-    }
-    state_->changed.notify_one();
+    std::unique_lock lock(state_->mutex);
+    state_->isStopping = true;
+    state_->changed(std::move(lock));
 }
 
 int MainQueue::fileDescriptor() const noexcept {

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <mutex>
 #include <utility>
@@ -12,11 +13,19 @@ namespace zembra {
 
 namespace {
 
+using namespace std::string_view_literals;
+
 constexpr NSTimeInterval kDefaultTimeout{60};
 
+constexpr auto kUnreserved = [] {
+    std::array<bool, 256> unreserved{};
+    for (const char c : "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~"sv)
+        unreserved[static_cast<unsigned char>(c)] = true;
+    return unreserved;
+}();
+
 bool isUnreserved(char c) noexcept {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '.' || c == '_' || c == '~';
+    return kUnreserved[static_cast<unsigned char>(c)];
 }
 
 void appendPercentEncoded(std::string& text, std::string_view bytes) {

@@ -303,7 +303,7 @@ public:
     }
 
 private:
-    static int onOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
+    static curl_socket_t onOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
     static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
     static int onProgress(void* self, curl_off_t, curl_off_t, curl_off_t total, curl_off_t sent);
@@ -323,7 +323,7 @@ private:
     std::unique_ptr<Exchange> exchange_;
 
     std::optional<Clock::time_point> lastMoved_;
-    bool isConnected_ = false;
+    bool isConnecting_ = false;  // from the first socket that was opened to the first connection
 
     // The answer so far
     HeaderFields fields_;
@@ -358,6 +358,7 @@ Transfer::Transfer() : easy_(::curl_easy_init()) {
                        .set(CURLOPT_TCP_KEEPALIVE, 1L)
                        .set(CURLOPT_MAXLIFETIME_CONN, kLongestConnectionLife)
                        .set(CURLOPT_OPENSOCKETFUNCTION, &onOpenSocket)
+                       .set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this))
                        .set(CURLOPT_HEADERFUNCTION, &onHeader)
                        .set(CURLOPT_HEADERDATA, static_cast<void*>(this))
                        .set(CURLOPT_WRITEFUNCTION, &onBody)
@@ -411,7 +412,8 @@ CURLcode Transfer::setHeaderFields() {
     return isComplete ? CURLE_OK : CURLE_OUT_OF_MEMORY;
 }
 
-int Transfer::onOpenSocket(void*, curlsocktype, curl_sockaddr* address) {
+curl_socket_t Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
+    static_cast<Transfer*>(self)->isConnecting_ = true;
     return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
@@ -486,13 +488,13 @@ void Transfer::begin() {
 
 void Transfer::touch(int socket, Clock::time_point now) {
     lastMoved_ = now;
+    if (!isConnecting_) return;  // a kept connection, or the resolver's
     sockaddr_storage peer;
     socklen_t size = sizeof peer;
-    if (isConnected_ || ::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0 ||
-        peer.ss_family == AF_UNIX) {  // that would be the resolver's
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.ss_family == AF_UNIX) {
         return;
     }
-    isConnected_ = true;
+    isConnecting_ = false;
     ::curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, 0L);
 }
 
@@ -524,7 +526,7 @@ void Transfer::reset() {
     exchange_.reset();
     headers_.clear();
     lastMoved_.reset();
-    isConnected_ = false;
+    isConnecting_ = false;
     fields_.clear();
     lastField_ = fields_.end();
     isHeaderComplete_ = false;
@@ -542,9 +544,9 @@ bool Transfer::has(CURLINFO time) const {
 NSErrorPtr Transfer::timeoutError() const {
     const char* const phase = headerSize_ > 0                    ? "receiving the answer"
                               : has(CURLINFO_PRETRANSFER_TIME_T) ? "sending or waiting for the answer"
-                              : isConnected_                     ? "negotiating a secure connection"
-                              : has(CURLINFO_NAMELOOKUP_TIME_T)  ? "connecting"
-                                                                 : "looking up the host";
+                              : !has(CURLINFO_NAMELOOKUP_TIME_T) ? "looking up the host"
+                              : isConnecting_                    ? "connecting"
+                                                                 : "negotiating a secure connection";
     return networkError(NSURLErrorTimedOut,
                         "The request to " + exchange_->target->host + " timed out while " + phase + '.');
 }

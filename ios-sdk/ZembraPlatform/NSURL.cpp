@@ -11,7 +11,11 @@ const char kCFErrorDomainCFNetwork[] = "kCFErrorDomainCFNetwork";
 
 bool NSHTTPURLResponse::FieldNameLess::operator()(std::string_view a, std::string_view b) const noexcept {
     const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
-    return std::ranges::lexicographical_compare(a, b, {}, lower, lower);
+    const std::size_t common = std::min(a.size(), b.size());
+    for (std::size_t i = 0; i < common; ++i) {
+        if (a[i] != b[i] && lower(a[i]) != lower(b[i])) return lower(a[i]) < lower(b[i]);
+    }
+    return a.size() < b.size();
 }
 
 NSHTTPURLResponse::NSHTTPURLResponse(NSURL url, NSInteger statusCode, HeaderFields headerFields)

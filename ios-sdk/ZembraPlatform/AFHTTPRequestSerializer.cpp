@@ -32,8 +32,9 @@ void appendPercentEncoded(std::string& text, std::string_view bytes) {
     static constexpr char kDigits[] = "0123456789ABCDEF";
     while (!bytes.empty()) {
         const auto reserved = std::ranges::find_if_not(bytes, isUnreserved);
-        text.append(bytes.begin(), reserved);
-        bytes.remove_prefix(static_cast<std::size_t>(reserved - bytes.begin()));
+        const auto count = static_cast<std::size_t>(reserved - bytes.begin());
+        text.append(bytes.substr(0, count));
+        bytes.remove_prefix(count);
         if (bytes.empty()) return;
         const auto byte = static_cast<unsigned char>(bytes.front());
         text += {'%', kDigits[byte >> 4], kDigits[byte & 0xF]};

@@ -80,9 +80,9 @@ NSErrorPtr fieldError(const std::string& name, const std::string& value) {
                   printable(name) + "\" holds a character that no header can carry."}}));
     return NSError::errorWithDomain(
         AFHTTPSessionErrorDomain, AFHTTPSessionErrorHeaderRefused,
-        Value::dictionary({{NSLocalizedDescriptionKey,
-                            "The request was not sent: one of its header fields is not valid."},
-                           {NSUnderlyingErrorKey, Value(cause)}}));
+        Value::dictionary(
+            {{NSLocalizedDescriptionKey, "The request was not sent: one of its header fields is not valid."},
+             {NSUnderlyingErrorKey, Value(cause)}}));
 }
 
 /// Sets options until one fails, and remembers that.
@@ -350,12 +350,14 @@ CURLcode HTTPEngine::Transfer::prepare(std::shared_ptr<HTTPExchange> exchange) {
         connectLimit = *exchange_->idleLimit;
         backstop = std::max(kShortestBackstop, kLongestExchangeInTimeouts * connectLimit);
     }
-    return options.set(CURLOPT_POSTFIELDS, exchange_->body.c_str())
+    options.set(CURLOPT_POSTFIELDS, exchange_->body.c_str())
         .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange_->body.size()))
         .set(CURLOPT_NOPROGRESS, exchange_->didSend ? 0L : 1L)
         .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()))
-        .set(CURLOPT_TIMEOUT_MS, static_cast<long>(backstop.count()))
-        .result();
+        .set(CURLOPT_TIMEOUT_MS, static_cast<long>(backstop.count()));
+    if (options.result() != CURLE_OK)
+        setupResult_ = options.result();  // whatever was set then, it is not used
+    return setupResult_;
 }
 
 curl_socket_t HTTPEngine::Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {
@@ -578,9 +580,7 @@ std::string HTTPEngine::systemCertificateFile() {
 }
 
 HTTPEngine::HTTPEngine(int wakeDescriptor)
-    : multi_(::curl_multi_init()),
-      sockets_{{wakeDescriptor, POLLIN, 0}},
-      transfers_{nullptr} {
+    : multi_(::curl_multi_init()), sockets_{{wakeDescriptor, POLLIN, 0}}, transfers_{nullptr} {
     if (!multi_) return;
     setCloseOnExec(multi_);
     const auto set = [this](CURLMoption name, auto value) {

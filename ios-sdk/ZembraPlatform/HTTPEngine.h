@@ -93,8 +93,8 @@ using HTTPExchanges = std::vector<std::shared_ptr<HTTPExchange>>;
 /// The transfers of a client, driven by socket readiness. For one thread, the client's I/O thread.
 class HTTPEngine {
 public:
-    /// Sets libcurl up for the process; it is never cleaned up, since the host may use it too. False where that
-    /// fails.
+    /// Sets libcurl up for the process; it is never cleaned up, since the host may use it too. False where
+    /// that fails.
     [[nodiscard]] static bool prepareProcess();
 
     /// The PEM file of the system's certificate authorities.

@@ -212,7 +212,7 @@ AFHTTPSessionManager::Session::~Session() {
 }
 
 std::shared_ptr<const HTTPTarget> AFHTTPSessionManager::Session::target(std::string_view path) {
-    if (!latestTarget_ || latestTarget_->path != path)
+    if (!latestTarget_ || latestTarget_->path() != path)
         latestTarget_ = std::make_shared<HTTPTarget>(baseURL.absoluteString(), path);
     return latestTarget_;
 }
@@ -341,7 +341,7 @@ void AFHTTPSessionManager::Session::run() {
 }
 
 void AFHTTPSessionManager::Session::read(HTTPExchange& exchange) const {
-    const auto response = std::make_shared<NSHTTPURLResponse>(exchange.target->url, exchange.status,
+    const auto response = std::make_shared<NSHTTPURLResponse>(exchange.target->url(), exchange.status,
                                                               std::move(exchange.fields));
     exchange.object =
         responseSerializer.responseObjectForResponse(response, std::move(exchange.answer), &exchange.error);
@@ -440,7 +440,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
     }
     if (progress) exchange->didSend = reporter(std::move(progress), exchange->queue);
 
-    exchange->error = exchange->target->refusal;
+    exchange->error = exchange->target->refusal();
     if (!exchange->error) exchange->error = exchange->header->refusal();
     if (const auto& problem = exchange->certificates->problem(); problem && !exchange->error) {
         exchange->error = networkError(
@@ -448,7 +448,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
             "The request was not sent: of the trusted certificate authorities, " + *problem + '.');
     }
     const Task task =
-        std::make_shared<NSURLSessionTask>(session_->nextTaskIdentifier(), exchange->target->url);
+        std::make_shared<NSURLSessionTask>(session_->nextTaskIdentifier(), exchange->target->url());
     exchange->task = task;
     session_->submit(std::move(exchange));
     return task;

@@ -152,35 +152,33 @@ NSErrorPtr networkError(NSURLErrorCode code, std::string_view text) {
 // What requests are made of
 // -------------------------------------------------------------------------------------------------------
 
-HTTPTarget::HTTPTarget(const std::string& base, std::string_view path_)
-    : path(path_), url(NSURL::URLWithString(path)) {
-    struct Deleter {
-        void operator()(CURLU* handle) const noexcept { ::curl_url_cleanup(handle); }
-        void operator()(char* text) const noexcept { ::curl_free(text); }
-    };
-    const std::unique_ptr<CURLU, Deleter> resolved(::curl_url());
+HTTPTarget::HTTPTarget(const std::string& base, std::string_view path)
+    : path_(path), parsed_(::curl_url()), url_(NSURL::URLWithString(path_)) {
     const auto part = [&](CURLUPart which) {
         char* text = nullptr;
-        if (::curl_url_get(resolved.get(), which, &text, 0) != CURLUE_OK) return std::string();
-        const std::unique_ptr<char, Deleter> owned(text);
+        if (::curl_url_get(parsed(), which, &text, 0) != CURLUE_OK) return std::string();
+        const std::unique_ptr<char, decltype(&::curl_free)> owned(text, &::curl_free);
         return std::string(text);
     };
     constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE | CURLU_DISALLOW_USER;
     const bool isText = std::ranges::none_of(path, isControl) && std::ranges::none_of(base, isControl);
-    if (!resolved || !isText ||
-        ::curl_url_set(resolved.get(), CURLUPART_URL, base.c_str(), kFlags) != CURLUE_OK ||
-        ::curl_url_set(resolved.get(), CURLUPART_URL, path.c_str(), kFlags) != CURLUE_OK) {
-        refusal = networkError(NSURLErrorBadURL, "The request was not sent: its URL is not valid.");
+    if (!parsed() || !isText || ::curl_url_set(parsed(), CURLUPART_URL, base.c_str(), kFlags) != CURLUE_OK ||
+        ::curl_url_set(parsed(), CURLUPART_URL, path_.c_str(), kFlags) != CURLUE_OK) {
+        refusal_ = networkError(NSURLErrorBadURL, "The request was not sent: its URL is not valid.");
         return;
     }
-    url = NSURL::URLWithString(part(CURLUPART_URL));
+    url_ = NSURL::URLWithString(part(CURLUPART_URL));
     if (part(CURLUPART_SCHEME) != "https") {
-        refusal =
+        refusal_ =
             networkError(NSURLErrorUnsupportedURL, "The request was not sent: its URL is not an https one.");
         return;
     }
-    host = part(CURLUPART_HOST);
-    if (const std::string port = part(CURLUPART_PORT); !port.empty()) host += ':' + port;
+    host_ = part(CURLUPART_HOST);
+    if (const std::string port = part(CURLUPART_PORT); !port.empty()) host_ += ':' + port;
+}
+
+void HTTPTarget::Deleter::operator()(Curl_URL* url) const noexcept {
+    ::curl_url_cleanup(url);
 }
 
 HTTPRequestHeader::HTTPRequestHeader(Fields fields) : fields_(std::move(fields)) {
@@ -331,7 +329,7 @@ CURLcode HTTPEngine::Transfer::prepare(std::shared_ptr<HTTPExchange> exchange) {
     Options options(easy_);
     if (target_ != exchange_->target) {
         target_ = exchange_->target;
-        options.set(CURLOPT_URL, target_->url.absoluteString().c_str());
+        options.set(CURLOPT_CURLU, target_->parsed());  // a text would be parsed anew for every exchange
     }
     if (header_ != exchange_->header) {
         header_ = exchange_->header;
@@ -468,7 +466,7 @@ NSErrorPtr HTTPEngine::Transfer::timeoutError() const {
                               : isConnecting_                    ? "connecting"
                                                                  : "negotiating a secure connection";
     return networkError(NSURLErrorTimedOut,
-                        "The request to " + exchange_->target->host + " timed out while " + phase + '.');
+                        "The request to " + exchange_->target->host() + " timed out while " + phase + '.');
 }
 
 /// What was wrong with the server's certificate. The numbers are OpenSSL's.
@@ -483,7 +481,7 @@ NSErrorPtr HTTPEngine::Transfer::certificateError() const {
     };
     long verdict = 0;
     ::curl_easy_getinfo(easy_, CURLINFO_SSL_VERIFYRESULT, &verdict);
-    const std::string certificate = "The certificate of " + exchange_->target->host;
+    const std::string certificate = "The certificate of " + exchange_->target->host();
     switch (verdict) {
         case kNotYetValid:
             return networkError(NSURLErrorServerCertificateNotYetValid, certificate + " is not yet valid.");
@@ -507,7 +505,7 @@ NSErrorPtr HTTPEngine::Transfer::certificateError() const {
 /// The one place that gives libcurl's results their meaning. Its own text is passed on only where it cannot
 /// hold anything of the request.
 NSErrorPtr HTTPEngine::Transfer::errorFor(CURLcode result) const {
-    const std::string& host = exchange_->target->host;
+    const std::string& host = exchange_->target->host();
     const std::string detail = errorText_[0] != '\0' ? std::string(" (") + errorText_ + ")." : ".";
     switch (result) {
         case CURLE_OPERATION_TIMEDOUT:

@@ -14,6 +14,7 @@
 
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 
+struct Curl_URL;
 struct curl_slist;
 struct pollfd;
 
@@ -25,15 +26,36 @@ class TrustedCertificates;
 /// An error of the network layer.
 [[nodiscard]] NSErrorPtr networkError(NSURLErrorCode code, std::string_view text);
 
-/// Where requests to a path go. Immutable.
-struct HTTPTarget {
+/// Where requests to a path go. Immutable; any number of requests may share it.
+class HTTPTarget {
+public:
     /// Resolves `path` against `base`.
     HTTPTarget(const std::string& base, std::string_view path);
 
-    const std::string path;
-    NSURL url;           // the path itself where there is none
-    std::string host;    // with the port where the URL names one
-    NSErrorPtr refusal;  // where nothing can be sent there
+    [[nodiscard]] const std::string& path() const noexcept { return path_; }
+
+    /// The path itself where there is none.
+    [[nodiscard]] const NSURL& url() const noexcept { return url_; }
+
+    /// With the port where the URL names one.
+    [[nodiscard]] const std::string& host() const noexcept { return host_; }
+
+    /// The error of a request to it where nothing can be sent there.
+    [[nodiscard]] const NSErrorPtr& refusal() const noexcept { return refusal_; }
+
+    /// The URL as libcurl parsed it.
+    [[nodiscard]] Curl_URL* parsed() const noexcept { return parsed_.get(); }
+
+private:
+    struct Deleter {
+        void operator()(Curl_URL* url) const noexcept;
+    };
+
+    const std::string path_;
+    const std::unique_ptr<Curl_URL, Deleter> parsed_;
+    NSURL url_;
+    std::string host_;
+    NSErrorPtr refusal_;
 };
 
 /// The header of requests, as libcurl takes it. Immutable; any number of requests may share it.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -105,7 +106,7 @@ std::optional<milliseconds> idleLimitOf(NSTimeInterval interval) {
 /// What the client and its I/O thread share; it outlives whichever of the two ends first.
 class ZEMBRA_HIDDEN AFHTTPSessionManager::Session : public std::enable_shared_from_this<Session> {
 public:
-    explicit Session(NSURL url) : baseURL(std::move(url)) {}
+    explicit Session(NSURL url) : baseURL(std::move(url)) { ::sem_init(&parked_, 0, 0); }
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -162,7 +163,8 @@ private:
     [[nodiscard]] bool start();
     void run();
     void read(HTTPExchange& exchange) const;
-    void wake() const noexcept;
+    /// Has the I/O thread look at what is guarded. Gives up `lock`, for which the thread would only wait.
+    void wake(std::unique_lock<std::mutex>& lock) noexcept;
     [[nodiscard]] bool waitForEnd(std::unique_lock<std::mutex>& lock);
 
     Process* const process_ = Process::current().load();
@@ -179,6 +181,11 @@ private:
     std::thread thread_;
     std::thread::id threadIdentifier_;
     std::atomic<bool> isInCallback_ = false;  // not guarded
+
+    // What wakes the I/O thread: without any request it waits for the semaphore, which takes a system call
+    // less than a descriptor, and otherwise for this descriptor and its sockets.
+    bool isParked_ = false;
+    sem_t parked_;
     int wakeDescriptor_ = -1;
 };
 
@@ -209,6 +216,7 @@ void AFHTTPSessionManager::Session::Process::onExit() {
 
 AFHTTPSessionManager::Session::~Session() {
     if (wakeDescriptor_ != -1) ::close(wakeDescriptor_);
+    ::sem_destroy(&parked_);
 }
 
 std::shared_ptr<const HTTPTarget> AFHTTPSessionManager::Session::target(std::string_view path) {
@@ -240,9 +248,7 @@ void AFHTTPSessionManager::Session::submit(std::shared_ptr<HTTPExchange> exchang
         return refuse(std::move(exchange), "The client's thread could not be started.");
     }
     incoming_.push_back(std::move(exchange));
-    const bool isFirst = incoming_.size() == 1;
-    lock.unlock();  // the I/O thread, once awake, would only wait for it
-    if (isFirst) wake();
+    if (incoming_.size() == 1) wake(lock);
 }
 
 /// Fails an exchange where there is no I/O thread to do it; not inside the call either.
@@ -284,7 +290,13 @@ bool AFHTTPSessionManager::Session::start() {
     return isRunning_;
 }
 
-void AFHTTPSessionManager::Session::wake() const noexcept {
+void AFHTTPSessionManager::Session::wake(std::unique_lock<std::mutex>& lock) noexcept {
+    const bool isParked = std::exchange(isParked_, false);
+    lock.unlock();
+    if (isParked) {
+        ::sem_post(&parked_);
+        return;
+    }
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor_, &one, sizeof one);
 }
@@ -297,6 +309,13 @@ void AFHTTPSessionManager::Session::run() {
     HTTPExchanges ended;
     std::unique_lock lock(mutex_);
     while (stop_ == Stop::none) {
+        if (incoming_.empty() && engine->isIdle()) {
+            isParked_ = true;
+            lock.unlock();
+            ::sem_wait(&parked_);  // an early return does no harm
+            lock.lock();
+            continue;
+        }
         incoming.swap(incoming_);
         lock.unlock();
         for (auto& exchange : incoming) {
@@ -350,9 +369,12 @@ void AFHTTPSessionManager::Session::read(HTTPExchange& exchange) const {
 void AFHTTPSessionManager::Session::stop(Stop how) {
     std::unique_lock lock(mutex_);
     stop_ = how;
-    if (isRunning_) wake();
     std::thread thread = std::move(thread_);
     const bool isOwnThread = isRunning_ && threadIdentifier_ == std::this_thread::get_id();
+    if (isRunning_) {
+        wake(lock);
+        lock.lock();
+    }
     if (isOwnThread || (how == Stop::drop && !waitForEnd(lock))) {
         if (thread.joinable()) thread.detach();
         return;

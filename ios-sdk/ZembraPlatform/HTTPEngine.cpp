@@ -378,10 +378,13 @@ std::size_t HTTPEngine::Transfer::onHeader(char* data, std::size_t, std::size_t 
 }
 
 void HTTPEngine::Transfer::readHeaderLine(std::string_view line) {
-    static constexpr std::string_view kBlanks = " \t";
-    const auto trimmed = [](std::string_view text) {
-        text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
-        return text.substr(0, text.find_last_not_of(kBlanks) + 1);
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    const auto trimmed = [&](std::string_view text) {
+        while (!text.empty() && isBlank(text.front()))
+            text.remove_prefix(1);
+        while (!text.empty() && isBlank(text.back()))
+            text.remove_suffix(1);
+        return text;
     };
     auto& fields = exchange_->fields;
     if (line.starts_with("HTTP/")) {  // also after an interim answer
@@ -392,7 +395,7 @@ void HTTPEngine::Transfer::readHeaderLine(std::string_view line) {
         isHeaderComplete_ = true;
     } else if (isHeaderComplete_) {
         // A trailer; nothing in it concerns the answer's body.
-    } else if (kBlanks.find(line.front()) != std::string_view::npos) {
+    } else if (isBlank(line.front())) {
         if (lastValue_) lastValue_->append(" ").append(trimmed(line));
     } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
         const std::string_view value = trimmed(line.substr(colon + 1));
@@ -609,6 +612,10 @@ void HTTPEngine::start() {
         remove(transfer);
         ended_.push_back(transfer.finish(result));
     }
+}
+
+bool HTTPEngine::isIdle() const noexcept {
+    return waiting_.empty() && active_.empty() && sockets_.size() == 1 && !timer_;
 }
 
 bool HTTPEngine::turn(HTTPExchanges& ended) {

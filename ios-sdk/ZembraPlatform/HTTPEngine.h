@@ -130,6 +130,9 @@ public:
 
     void add(std::shared_ptr<HTTPExchange> exchange) { waiting_.push_back(std::move(exchange)); }
 
+    /// Whether there is nothing to be done, now or later, but for an `add`.
+    [[nodiscard]] bool isIdle() const noexcept;
+
     /// Waits until something is to be done and does it. Puts the exchanges that ended, with their outcome, in
     /// the place of what `ended` holds. Returns whether the wake-up descriptor is readable.
     [[nodiscard]] bool turn(HTTPExchanges& ended);

@@ -44,7 +44,7 @@ void appendPercentEncoded(std::string& text, std::string_view bytes) {
 
 /// The host's name and version and the system: "Trail Map/2.1.0 (Linux 6.1.0; x86_64)". What a header cannot
 /// carry becomes an underscore.
-std::string defaultUserAgent() {
+[[gnu::cold]] std::string defaultUserAgent() {
     const auto bundle = NSBundle::mainBundle();
     std::string agent = bundle->objectForInfoDictionaryKey("CFBundleName").text();
     if (agent.empty()) agent = ::program_invocation_short_name;

@@ -23,8 +23,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
     return !less(a, b) && !less(b, a);
 }
 
-NSErrorPtr refusal(AFHTTPSessionErrorCode code, const std::shared_ptr<NSHTTPURLResponse>& response,
-                   std::string text) {
+[[gnu::cold]] NSErrorPtr refusal(AFHTTPSessionErrorCode code,
+                                 const std::shared_ptr<NSHTTPURLResponse>& response, std::string text) {
     return NSError::errorWithDomain(
         AFHTTPSessionErrorDomain, code,
         Value::dictionary({{NSLocalizedDescriptionKey, text},

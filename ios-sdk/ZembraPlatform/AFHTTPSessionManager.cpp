@@ -122,7 +122,7 @@ public:
 
     /// Ends the I/O thread: with the exchanges cancelled, or (the process is about to exit) dropped. Waits
     /// for it unless it is the calling thread itself.
-    void stop(Stop how);
+    [[gnu::cold]] void stop(Stop how);
 
     /// What the client's destructor does: `stop(Stop::cancel)`. In a forked child, where the thread does not
     /// exist and the connections are the parent's, the session is left as it is.
@@ -159,8 +159,8 @@ private:
     };
 
     [[nodiscard]] bool isForked() const noexcept { return process_ != Process::current().load(); }
-    static void refuse(std::shared_ptr<HTTPExchange> exchange, std::string_view text);
-    [[nodiscard]] bool start();
+    [[gnu::cold]] static void refuse(std::shared_ptr<HTTPExchange> exchange, std::string_view text);
+    [[nodiscard, gnu::cold]] bool start();
     void run();
     void read(HTTPExchange& exchange) const;
     /// Has the I/O thread look at what is guarded. Gives up `lock`, for which the thread would only wait.

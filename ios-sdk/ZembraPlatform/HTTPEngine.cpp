@@ -50,7 +50,7 @@ bool isControl(char c) noexcept {
 }
 
 /// A field name as an error text can carry it.
-std::string printable(std::string_view name) {
+[[gnu::cold]] std::string printable(std::string_view name) {
     constexpr std::size_t kLongest = 64;
     std::string text(name.substr(0, kLongest));
     for (char& c : text) {
@@ -68,7 +68,7 @@ constexpr auto kInNames = [] {
 }();
 
 /// The error of a request with the field, `nullptr` where it can be sent.
-NSErrorPtr fieldError(const std::string& name, const std::string& value) {
+[[gnu::cold]] NSErrorPtr fieldError(const std::string& name, const std::string& value) {
     const auto isInNames = [](char c) { return kInNames[static_cast<unsigned char>(c)]; };
     const bool isBadName = name.empty() || !std::ranges::all_of(name, isInNames);
     if (!isBadName && std::ranges::none_of(value, isControl)) return nullptr;
@@ -107,7 +107,7 @@ private:
 
 /// Sets close-on-exec on the pair of sockets that comes with a multi handle: libcurl leaves it out and tells
 /// nobody their numbers. They are the two Unix sockets whose fill grows with each of two wake-ups.
-void setCloseOnExec(CURLM* multi) {
+[[gnu::cold]] void setCloseOnExec(CURLM* multi) {
     struct Socket {
         int descriptor;
         int filled[3];
@@ -212,7 +212,7 @@ void HTTPRequestHeader::append(const std::string& line) {
 /// One libcurl handle, used for one exchange after another.
 class HTTPEngine::Transfer {
 public:
-    Transfer();
+    [[gnu::cold]] Transfer();
     ~Transfer() { ::curl_easy_cleanup(easy_); }
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
@@ -251,9 +251,9 @@ private:
 
     void readHeaderLine(std::string_view line);
     [[nodiscard]] bool has(CURLINFO time) const;
-    [[nodiscard]] NSErrorPtr timeoutError() const;
-    [[nodiscard]] NSErrorPtr errorFor(CURLcode result) const;
-    [[nodiscard]] NSErrorPtr certificateError() const;
+    [[nodiscard, gnu::cold]] NSErrorPtr timeoutError() const;
+    [[nodiscard, gnu::cold]] NSErrorPtr errorFor(CURLcode result) const;
+    [[nodiscard, gnu::cold]] NSErrorPtr certificateError() const;
 
     CURL* const easy_;
     CURLcode setupResult_ = CURLE_FAILED_INIT;

@@ -24,13 +24,13 @@ namespace zembra {
 class TrustedCertificates;
 
 /// An error of the network layer.
-[[nodiscard]] NSErrorPtr networkError(NSURLErrorCode code, std::string_view text);
+[[nodiscard, gnu::cold]] NSErrorPtr networkError(NSURLErrorCode code, std::string_view text);
 
 /// Where requests to a path go. Immutable; any number of requests may share it.
 class HTTPTarget {
 public:
     /// Resolves `path` against `base`.
-    HTTPTarget(const std::string& base, std::string_view path);
+    [[gnu::cold]] HTTPTarget(const std::string& base, std::string_view path);
 
     [[nodiscard]] const std::string& path() const noexcept { return path_; }
 
@@ -64,7 +64,7 @@ public:
     using Fields = NSHTTPURLResponse::HeaderFields;
 
     /// With `fields`, but those that are the connection's, and with those that every request has.
-    explicit HTTPRequestHeader(Fields fields);
+    [[gnu::cold]] explicit HTTPRequestHeader(Fields fields);
 
     /// The fields that it was made of.
     [[nodiscard]] const Fields& fields() const noexcept { return fields_; }
@@ -123,7 +123,7 @@ public:
     [[nodiscard]] static std::string systemCertificateFile();
 
     /// After `prepareProcess`. `wakeDescriptor` being readable ends a `turn` at once.
-    explicit HTTPEngine(int wakeDescriptor);
+    [[gnu::cold]] explicit HTTPEngine(int wakeDescriptor);
     ~HTTPEngine();
     HTTPEngine(const HTTPEngine&) = delete;
     HTTPEngine& operator=(const HTTPEngine&) = delete;

@@ -265,6 +265,7 @@ private:
     std::shared_ptr<const HTTPRequestHeader> header_;
     std::shared_ptr<const TrustedCertificates> certificates_;
 
+    Clock::time_point began_;
     std::optional<Clock::time_point> lastMoved_;
     bool isConnecting_ = false;  // from the first socket that was opened to the first connection
 
@@ -341,18 +342,12 @@ CURLcode HTTPEngine::Transfer::prepare(std::shared_ptr<HTTPExchange> exchange) {
     }
 
     // A limit on connecting as a whole makes libcurl try the next address of a host in time. It is lifted
-    // once there is a connection. 0 stands for libcurl's own limit, then for none.
-    milliseconds connectLimit{0};
-    milliseconds backstop{0};
-    if (exchange_->idleLimit) {
-        connectLimit = *exchange_->idleLimit;
-        backstop = std::max(kShortestBackstop, kLongestExchangeInTimeouts * connectLimit);
-    }
+    // once there is a connection. 0 stands for libcurl's own limit.
+    const milliseconds connectLimit = exchange_->idleLimit.value_or(milliseconds{0});
     options.set(CURLOPT_POSTFIELDS, exchange_->body.c_str())
         .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange_->body.size()))
         .set(CURLOPT_NOPROGRESS, exchange_->didSend ? 0L : 1L)
-        .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()))
-        .set(CURLOPT_TIMEOUT_MS, static_cast<long>(backstop.count()));
+        .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()));
     if (options.result() != CURLE_OK)
         setupResult_ = options.result();  // whatever was set then, it is not used
     return setupResult_;
@@ -428,7 +423,9 @@ int HTTPEngine::Transfer::onProgress(void* self, curl_off_t, curl_off_t, curl_of
 }
 
 void HTTPEngine::Transfer::begin() {
-    if (!lastMoved_) lastMoved_ = Clock::now();
+    if (lastMoved_) return;
+    began_ = Clock::now();
+    lastMoved_ = began_;
 }
 
 void HTTPEngine::Transfer::touch(int socket, Clock::time_point now) {
@@ -445,7 +442,9 @@ void HTTPEngine::Transfer::touch(int socket, Clock::time_point now) {
 
 auto HTTPEngine::Transfer::deadline() const -> std::optional<Clock::time_point> {
     if (!lastMoved_ || !exchange_->idleLimit) return std::nullopt;
-    return *lastMoved_ + *exchange_->idleLimit;
+    const milliseconds idleLimit = *exchange_->idleLimit;
+    return std::min(*lastMoved_ + idleLimit,
+                    began_ + std::max(kShortestBackstop, kLongestExchangeInTimeouts * idleLimit));
 }
 
 std::shared_ptr<HTTPExchange> HTTPEngine::Transfer::finish(CURLcode result) {

@@ -179,6 +179,30 @@ private:
 
 using Receiver = std::function<void(Value element)>;
 
+/// A parser, from which small texts take most of their time to make: each thread keeps one for the next text.
+class KeptParser {
+public:
+    KeptParser() : parser_(std::move(spare())) {
+        if (!parser_) parser_ = std::make_unique<ondemand::parser>();
+    }
+    KeptParser(const KeptParser&) = delete;
+    KeptParser& operator=(const KeptParser&) = delete;
+    ~KeptParser() {
+        if (parser_->capacity() <= kLargestKept) spare() = std::move(parser_);
+    }
+    ondemand::parser* operator->() const { return parser_.get(); }
+
+private:
+    static constexpr std::size_t kLargestKept = std::size_t{16} * 1024;
+
+    static std::unique_ptr<ondemand::parser>& spare() {
+        static thread_local std::unique_ptr<ondemand::parser> parser;
+        return parser;
+    }
+
+    std::unique_ptr<ondemand::parser> parser_;
+};
+
 /// Decodes one text. `text` is well padded.
 class Decoder {
 public:
@@ -193,7 +217,7 @@ public:
 
     /// What the text stands for, or nothing and then the fault. A bare value comes in brackets.
     [[nodiscard]] Value decode(bool isBracketed) {
-        if (const auto error = parser_.iterate(text_.data(), text_.size(), allocatedSize_).get(document_)) {
+        if (const auto error = parser_->iterate(text_.data(), text_.size(), allocatedSize_).get(document_)) {
             fail(error, offsetOfLexicalFault(error));
             return {};
         }
@@ -409,7 +433,7 @@ private:
 
     bool unescape(ondemand::raw_json_string raw, std::uint8_t* out, std::string_view& string) {
         std::uint8_t* end = out;
-        const auto error = parser_.unescape(raw, end).get(string);
+        const auto error = parser_->unescape(raw, end).get(string);
         return error == simdjson::SUCCESS || fail(error, offsetOf(raw.raw()));
     }
 
@@ -496,7 +520,7 @@ private:
     const std::size_t allocatedSize_;
     const Receiver* const receiver_;
     std::vector<std::uint8_t> unescaped_;  // one string at a time
-    ondemand::parser parser_;
+    const KeptParser parser_;
     ondemand::document document_;
     KeyTable keys_;
     std::vector<KeyTable::Number> openKeys_;  // those of the dictionaries around the place

@@ -96,7 +96,10 @@ public:
     };
 
     /// All texts handed in end at `end` and are padded.
-    explicit KeyTable(const char* end) : end_(end), keys_(1) {}
+    explicit KeyTable(const char* end) : end_(end) {
+        keys_.reserve(16);
+        keys_.emplace_back();
+    }
 
     [[nodiscard]] Key& operator[](Number number) { return keys_[number]; }
 
@@ -125,7 +128,9 @@ public:
             Key& key = keys_.emplace_back();
             key.string = string;
             key.isShort = string.size() < sizeof(Head);
-            if (string.find_first_of("\"\\") == std::string_view::npos) setHead(key, string);
+            const bool isEscaped =
+                string.find('"') != std::string_view::npos || string.find('\\') != std::string_view::npos;
+            if (!isEscaped) setHead(key, string);
         }
         return latest_[latestIndexOf(text)] = slot;
     }
@@ -213,7 +218,9 @@ public:
           allocatedSize_(allocatedSize),
           receiver_(receiver),
           keys_(text.data() + text.size()),
-          parts_(text.size()) {}
+          parts_(text.size()) {
+        openKeys_.reserve(16);
+    }
 
     /// What the text stands for, or nothing and then the fault. A bare value comes in brackets.
     [[nodiscard]] Value decode(bool isBracketed) {

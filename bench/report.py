@@ -24,6 +24,8 @@ COMPARISONS = [
     ("exchange over a kept connection, wall time", "Exchange/SDK", "Exchange/libcurl", "time", "µs", ("ratio", 1.25)),
     ("exchange over a kept connection, client's processor time", "Exchange/SDK", "Exchange/libcurl", "cpu", "µs",
      ("difference", 20_000)),
+    ("the same with all threads on one processor", "one processor/Exchange/SDK", "one processor/Exchange/libcurl", "cpu",
+     "µs", ("difference", 20_000)),
     ("the same with an uncompressed answer, wall time", "PlainExchange/SDK", "PlainExchange/libcurl", "time", "µs", None),
     ("the same with an uncompressed answer, client's processor time", "PlainExchange/SDK", "PlainExchange/libcurl", "cpu",
      "µs", None),
@@ -75,12 +77,14 @@ def best_figures(directory):
     for file in sorted(directory.glob("*.json")):
         report = json.loads(file.read_text())
         contexts.append(report["context"])
+        prefix = "one processor/" if file.stem.endswith("-on-one-processor") else ""
         for round_ in report["benchmarks"]:
             if round_["run_type"] != "iteration":
                 continue
             if round_.get("error_occurred"):
                 sys.exit(f"{file.name}: {round_['name']}: {round_['error_message']}")
             name = re.sub(r"/(iterations|repeats|min_time|threads|manual_time|process_time|real_time)\b.*", "", round_["name"])
+            name = prefix + name
             unit = NANOSECONDS[round_["time_unit"]]
             measures = {"time": round_.get("time_ns", round_["real_time"] * unit)}
             if "cpu_ns" in round_ or "time_ns" not in round_:

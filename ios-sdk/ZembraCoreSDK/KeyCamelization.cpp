@@ -72,11 +72,16 @@ std::optional<std::string_view> camelizeByWords(std::string_view key, NameBytes&
     if (key.empty() || !hasRoom || !WordCamelization::isSupported) return std::nullopt;
     WordCamelization conversion;
     std::size_t length = 0;
-    for (std::size_t index = 0; index < key.size(); index += WordCamelization::kWordSize) {
+    const auto convert = [&](std::size_t index) {
         const WordCamelization::Word word = conversion.convert(key, index);
         std::memcpy(out.data() + length, &word.bytes, sizeof word.bytes);
         length += word.size;
-    }
+    };
+    // The compiler makes more of words that are known to be whole.
+    const std::size_t wordsEnd = key.size() / WordCamelization::kWordSize * WordCamelization::kWordSize;
+    for (std::size_t index = 0; index < wordsEnd; index += WordCamelization::kWordSize)
+        convert(index);
+    if (wordsEnd != key.size()) convert(wordsEnd);
     if (!conversion.isRight()) return std::nullopt;
     return std::string_view(out.data(), length);
 }

@@ -77,6 +77,9 @@ void deliver(std::shared_ptr<HTTPExchange> exchange) {
 /// Tells `progress` on `queue`, with at most one report waiting there.
 auto reporter(Progress progress, CompletionQueue queue) {
     struct State {
+        State(Progress&& toTell, CompletionQueue&& where)
+            : progress(std::move(toTell)), queue(std::move(where)) {}
+
         const Progress progress;
         const CompletionQueue queue;
         std::atomic<std::int64_t> bytesSent = 0;

@@ -1,5 +1,6 @@
 // Camelizing keys beside copying the same strings.
 
+#include <cstdint>
 #include <random>
 #include <string>
 #include <vector>
@@ -43,22 +44,13 @@ void copy(benchmark::State& state) {
     run(state, [](const std::string& key) { return std::string(key); });
 }
 
-BENCHMARK(camelize)
-    ->Name("keys/camelizedString")
-    ->Arg(8)
-    ->Arg(14)
-    ->Arg(20)
-    ->Arg(32)
-    ->Repetitions(9)
-    ->MinTime(0.05);
-BENCHMARK(copy)
-    ->Name("keys/copy of the string")
-    ->Arg(8)
-    ->Arg(14)
-    ->Arg(20)
-    ->Arg(32)
-    ->Repetitions(9)
-    ->MinTime(0.05);
+void addLengths(benchmark::internal::Benchmark* benchmark) {
+    for (const std::int64_t length : {8, 14, 20, 32})
+        benchmark->Arg(length);
+    benchmark->Repetitions(9)->MinTime(0.05);
+}
+BENCHMARK(camelize)->Name("keys/camelizedString")->Apply(addLengths);
+BENCHMARK(copy)->Name("keys/copy of the string")->Apply(addLengths);
 
 }  // namespace
 

@@ -348,9 +348,12 @@ CURLcode HTTPEngine::Transfer::prepare(std::shared_ptr<HTTPExchange> exchange) {
         .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange_->body.size()))
         .set(CURLOPT_NOPROGRESS, exchange_->didSend ? 0L : 1L)
         .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()));
-    if (options.result() != CURLE_OK)
-        setupResult_ = options.result();  // whatever was set then, it is not used
-    return setupResult_;
+    if (options.result() != CURLE_OK) {  // the next exchange sets all of it again
+        target_ = nullptr;
+        header_ = nullptr;
+        certificates_ = nullptr;
+    }
+    return options.result();
 }
 
 curl_socket_t HTTPEngine::Transfer::onOpenSocket(void* self, curlsocktype, curl_sockaddr* address) {

@@ -12,6 +12,7 @@ import json
 import os
 import pathlib
 import platform
+import random
 import re
 import subprocess
 import sys
@@ -51,6 +52,7 @@ PEERS = ["ZembraCoreSDK", "ZembraCoreSDK, array first", "simdjson On-Demand, by 
 SDK, FASTEST, BY_HAND, BY_LIST = PEERS[0], PEERS[2], PEERS[3], PEERS[6]
 GROWTH = (1_000, 10_000, 100_000, 1_000_000)
 KEY_LENGTHS = (8, 14, 20, 32)
+ROUNDS = 7  # of the processes that map once
 
 SIZE_LIMIT = 400_000  # bytes, both libraries together
 # The charts: file, title, unit, and bars of label, benchmark and measure.
@@ -162,20 +164,32 @@ def markdown(figures, sizes, contexts, build):
     return "".join(parts)
 
 
-def mapping_rows(figures, count, memory):
+def first_mappings(program):
+    """The best of a few processes that map once: {(peer, records): (nanoseconds, MiB above the text)}."""
+    runs = [(peer, count) for peer in PEERS for count in (GROWTH if peer in (SDK, FASTEST) else (10_000,))]
+    best = {}
+    for run in random.sample(ROUNDS * runs, ROUNDS * len(runs)):
+        printed = subprocess.run([program, *map(str, run)], check=True, text=True, capture_output=True).stdout
+        best[run] = tuple(map(min, map(float, printed.split()), best.get(run, (float("inf"), float("inf")))))
+    return best
+
+
+def mapping_rows(figures, count, first):
     for peer in PEERS:
         mine = figures[f"map/{peer}/{count}", "cpu"]
-        yield [peer, f"{number(mine, 'us')} µs", f"{figures[f'map/{BY_LIST}/{count}', 'cpu'] / mine:.1f}",
-               f"{mine / figures[f'map/{BY_HAND}/{count}', 'cpu']:.2f}", *([f"{memory[peer]:.1f}"] if memory else [])]
+        row = [peer, f"{number(mine, 'us')} µs", f"{figures[f'map/{BY_LIST}/{count}', 'cpu'] / mine:.1f}",
+               f"{mine / figures[f'map/{BY_HAND}/{count}', 'cpu']:.2f}"]
+        if first:
+            time, memory = first[peer, count]
+            row += [f"{number(time, 'us')} µs", f"{memory:.1f}"]
+        yield row
 
 
 def mapping(figures, build):
     """From JSON text to objects beside other libraries, and keys to names."""
     if (f"map/{SDK}/10000", "cpu") not in figures:
         return ""
-    program = build / "bench/zembra-mapping-memory"
-    memory = {peer: min(float(subprocess.run([program, peer], check=True, text=True, capture_output=True).stdout)
-                        for _ in range(3)) for peer in PEERS}
+    first = first_mappings(build / "bench/zembra-first-mapping")
 
     def aim(what, value, limit, is_least=False):
         is_met = value >= limit if is_least else value <= limit
@@ -184,25 +198,26 @@ def mapping(figures, build):
     def time(name):
         return figures[name, "cpu"]
 
-    def growth(peer):
-        return [time(f"growth/{peer}/{count}") / count for count in GROWTH]
+    def growth_rows(what, time_of, limit):
+        for peer in (SDK, FASTEST):
+            times = [time_of(peer, count) / count for count in GROWTH]
+            ratio = max(times) / times[0]
+            is_aim = limit and peer == SDK
+            yield [f"{what}, {peer}", *(f"{value / 1e3:.2f} µs" for value in times),
+                   f"at most {limit} times the first: {verdict(ratio <= limit)} ({ratio:.2f})" if is_aim else "none"]
 
-    def growth_row(peer, last):
-        return [f"processor time of one, {peer}", *(f"{number(value, 'us')} µs" for value in growth(peer)), last]
-
-    sdk_growth = growth(SDK)
     heads = ["processor time", "figure", "times as fast as nlohmann", "times simdjson DOM's"]
     parts = ["10,000 records (6 MB) to objects:\n\n",
-             table([*heads, "peak memory above the text, MiB"], mapping_rows(figures, 10000, memory)),
+             table([*heads, "first time in a process", "peak memory above the text, MiB"], mapping_rows(figures, 10000, first)),
              "\n20 records (12 KB) to objects:\n\n", table(heads, mapping_rows(figures, 20, None)), "\n",
-             table(["records, by their number", *(f"{count:,}" for count in GROWTH), "aim"],
-                   [growth_row(SDK, f"at most 1.15 times the first: {verdict(max(sdk_growth) <= 1.15 * sdk_growth[0])}"),
-                    growth_row(FASTEST, "none")]), "\n",
+             table(["processor time of a record, by their number", *(f"{count:,}" for count in GROWTH), "aim"],
+                   [*growth_rows("first time in a process", lambda *run: first[run][0], 1.15),
+                    *growth_rows("again and again", lambda peer, count: time(f"growth/{peer}/{count}"), None)]), "\n",
              table(["what", "figure", "aim"], [
                  aim("10,000 records, times as fast as nlohmann/json", time(f"map/{BY_LIST}/10000") / time(f"map/{SDK}/10000"), 6, True),
                  aim("10,000 records, times simdjson DOM's time", time(f"map/{SDK}/10000") / time(f"map/{BY_HAND}/10000"), 1.4),
                  aim("20 records, times as fast as nlohmann/json", time(f"map/{BY_LIST}/20") / time(f"map/{SDK}/20"), 5, True),
-                 aim("peak memory above the text, MiB", memory[SDK], 24),
+                 aim("peak memory above the text, MiB", first[SDK, 10000][1], 24),
                  ["shuffled keys, times the same with keys in order",
                   f"{time(f'shuffled keys/{SDK}/10000') / time(f'map/{SDK}/10000'):.2f} "
                   f"(simdjson DOM {time(f'shuffled keys/{BY_HAND}/10000') / time(f'map/{BY_HAND}/10000'):.2f})", "no cliff"],

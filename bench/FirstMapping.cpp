@@ -1,8 +1,11 @@
-// zembra-mapping-memory <peer>: maps 10,000 place records once, in a process of its own, and prints the peak
-// of its memory above what it held before (the text included), in MiB. Without a peer, lists the peers.
+// zembra-first-mapping <peer> <count>: maps that many place records once, in a process of its own that has
+// no memory left from before, and prints the processor time in nanoseconds and the peak of its memory above
+// what it held (the text included) in MiB. Without arguments, lists the peers.
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <string>
 
@@ -34,14 +37,22 @@ double statusLine(const std::string& name) {
     return 0;
 }
 
-int measure(const Peer& peer) {
-    std::string text = placeRecords(10'000);
+double processorTime() {
+    timespec time{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+}
+
+int measure(const Peer& peer, std::size_t count) {
+    std::string text = placeRecords(count);
     std::string few = placeRecords(10);
     (void)peer.map(few);                          // loads and makes what is needed once
     std::ofstream("/proc/self/clear_refs") << 5;  // the peak starts anew
-    const double before = statusLine("VmRSS");
-    if (peer.map(text) != 10'000) return 1;
-    std::printf("%.1f\n", statusLine("VmHWM") - before);
+    const double heldBefore = statusLine("VmRSS");
+    const double start = processorTime();
+    if (peer.map(text) != count) return 1;
+    const double end = processorTime();
+    std::printf("%.0f %.1f\n", end - start, statusLine("VmHWM") - heldBefore);
     return 0;
 }
 
@@ -50,10 +61,10 @@ int measure(const Peer& peer) {
 
 int main(int argumentCount, char** arguments) {
     for (const bench::Peer& peer : bench::kPeers) {
-        if (argumentCount < 2)
+        if (argumentCount < 3)
             std::puts(peer.name);
         else if (std::strcmp(arguments[1], peer.name) == 0)
-            return bench::measure(peer);
+            return bench::measure(peer, std::strtoul(arguments[2], nullptr, 10));
     }
-    return argumentCount < 2 ? 0 : 2;
+    return argumentCount < 3 ? 0 : 2;
 }

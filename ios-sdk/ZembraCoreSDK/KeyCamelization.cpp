@@ -67,21 +67,16 @@ std::size_t camelize(std::string_view scanned, char* out) noexcept {
 }
 
 /// The form of most keys, written to `out`; `std::nullopt`, with nothing decided, for any other key.
-std::optional<std::string_view> camelizeByWords(std::string_view key, NameBytes& out) noexcept {
-    const bool hasRoom = key.size() + WordCamelization::kWordSize <= out.size();
-    if (key.empty() || !hasRoom || !WordCamelization::isSupported) return std::nullopt;
-    WordCamelization conversion;
+std::optional<std::string_view> camelizeByBlocks(std::string_view key, NameBytes& out) noexcept {
+    const bool hasRoom = key.size() + BlockCamelization::kBlockSize <= out.size();
+    if (key.empty() || !hasRoom || !BlockCamelization::isSupported) return std::nullopt;
+    BlockCamelization conversion;
     std::size_t length = 0;
-    const auto convert = [&](std::size_t index) {
-        const WordCamelization::Word word = conversion.convert(key, index);
-        std::memcpy(out.data() + length, &word.bytes, sizeof word.bytes);
-        length += word.size;
-    };
-    // The compiler makes more of words that are known to be whole.
-    const std::size_t wordsEnd = key.size() / WordCamelization::kWordSize * WordCamelization::kWordSize;
-    for (std::size_t index = 0; index < wordsEnd; index += WordCamelization::kWordSize)
-        convert(index);
-    if (wordsEnd != key.size()) convert(wordsEnd);
+    for (std::size_t index = 0; index < key.size(); index += BlockCamelization::kBlockSize) {
+        const auto [bytes, size] = conversion.convert(key, index);
+        std::memcpy(out.data() + length, &bytes, sizeof bytes);
+        length += size;
+    }
     if (!conversion.isRight()) return std::nullopt;
     return std::string_view(out.data(), length);
 }
@@ -95,12 +90,21 @@ void camelizeByBytes(std::string_view key, std::optional<std::string>& result) {
     if (!isWellFormedUTF8(*result)) result.reset();
 }
 
+/// The form of any key that `camelizedString` has no shorter way for. It stays out of that way.
+[[gnu::noinline]] void camelizeOther(std::string_view key, std::optional<std::string>& result) {
+    NameBytes buffer;
+    if (const auto name = camelizeByBlocks(key, buffer))
+        result.emplace(*name);
+    else
+        camelizeByBytes(key, result);
+}
+
 constexpr std::string_view kRoomInString = "               ";  // for as many bytes, none is allocated
 
 }  // namespace
 
 std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer) {
-    if (const auto name = camelizeByWords(key, buffer.bytes)) return name;
+    if (const auto name = camelizeByBlocks(key, buffer.bytes)) return name;
     buffer.other.reset();
     camelizeByBytes(key, buffer.other);
     return buffer.other;
@@ -108,18 +112,14 @@ std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buf
 
 std::optional<std::string> camelizedString(std::string_view string) {
     std::optional<std::string> result;  // the only one to return: it is made where the caller wants it
-    NameBytes buffer;
     if (const auto name = shortNameForKey(string); name && name->size <= kRoomInString.size()) {
-        // All of that room is written, so that nothing depends on a length that no processor foresees.
+        // All of that room is written, so that nothing depends on a length that no processor foresees. What
+        // the copy may write behind it is the zero byte that stands there.
         result.emplace(kRoomInString);
-        const std::uint64_t end = name->head.words[0] >> 56 | name->head.words[1] << 8;
-        std::memcpy(result->data(), &name->head.words[0], sizeof(std::uint64_t));
-        std::memcpy(result->data() + 7, &end, sizeof end);
+        std::memcpy(result->data(), name->head.words, sizeof name->head.words);
         result->resize(name->size);
-    } else if (const auto longName = camelizeByWords(string, buffer)) {
-        result.emplace(*longName);
     } else {
-        camelizeByBytes(string, result);
+        camelizeOther(string, result);
     }
     return result;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -9,36 +10,55 @@
 #include <string>
 #include <string_view>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <ZembraPlatform/ObjectRuntime.h>
 
 namespace zembra {
 
-/// The conversion of most keys, eight bytes at a time: of ASCII keys in which each separator stands before a
-/// letter.
-class WordCamelization {
+/// The conversion of most keys, sixteen bytes at a time: of ASCII keys in which each separator stands before
+/// a letter.
+class BlockCamelization {
 public:
     static constexpr bool isSupported = std::endian::native == std::endian::little;
-    static constexpr std::size_t kWordSize = sizeof(std::uint64_t);
+    static constexpr std::size_t kBlockSize = 16;
 
-    struct Word {
-        std::uint64_t bytes;  // the first lowest, zeros behind the last
+    using Bytes [[gnu::vector_size(kBlockSize)]] = std::uint8_t;
+
+    struct Block {
+        Bytes bytes;  // zeros behind the last
         std::size_t size;
     };
 
-    /// Converts the word of `key` that starts at `index`. All of them must be converted, in order.
-    [[gnu::always_inline]] Word convert(std::string_view key, std::size_t index) noexcept {
-        const char* const bytes = key.data() + index;
-        const std::size_t rest = key.size() - index;
-        return rest >= kWordSize ? next(load<std::uint64_t>(bytes), kWordSize)
-                                 : next(lastWord(key, rest), rest);
+    /// Converts the block of `key` that starts at `index`. All of them must be converted, in order.
+    [[gnu::always_inline]] Block convert(std::string_view key, std::size_t index) noexcept {
+        const std::size_t size = std::min(key.size() - index, kBlockSize);
+        const Bytes bytes = load(key, index, size);
+        const Bytes offsets = (bytes | eachByte(0x20)) - eachByte('a');
+        const Bytes separators = Bytes(offsets > eachByte('z' - 'a')) & firstBytes(size);
+        const Bytes followers = bytesBehindOne(separators) | Bytes{raisesFirst_};
+        Block block{bytes & ~(followers & eachByte(0x20)),
+                    size};  // raises these letters, if they are letters
+        const unsigned separatorSet = highBits(separators);
+        others_ |= highBits(bytes) | highBits(separators & followers);
+        raisesFirst_ = static_cast<std::uint8_t>(0U - (separatorSet >> (size - 1)));
+        for (unsigned rest = separatorSet; rest != 0; rest = (rest & (rest - 1)) >> 1) {
+            const Bytes kept = firstBytes(static_cast<std::size_t>(std::countr_zero(rest)));
+            block.bytes = (block.bytes & kept) | (bytesBehindFirst(block.bytes) & ~kept);
+            --block.size;
+        }
+        return block;
     }
 
     /// Whether the conversion is right, all of the key being converted. Nothing is decided on any other.
-    [[nodiscard]] bool isRight() const noexcept { return ((others_ | carry_) & kHighBits) == 0; }
+    [[nodiscard]] bool isRight() const noexcept { return others_ == 0 && raisesFirst_ == 0; }
 
 private:
-    static constexpr std::uint64_t kEachByte = 0x0101'0101'0101'0101;
-    static constexpr std::uint64_t kHighBits = 0x80 * kEachByte;
+    using Words [[gnu::vector_size(kBlockSize)]] = std::uint64_t;
+
+    static Bytes eachByte(std::uint8_t byte) noexcept { return Bytes{} + byte; }
 
     template <class Part>
     static std::uint64_t load(const char* bytes) noexcept {
@@ -47,45 +67,64 @@ private:
         return part;
     }
 
-    /// The last `size` bytes, one to seven, with zeros behind them. No byte beyond the key is read.
-    static std::uint64_t lastWord(std::string_view key, std::size_t size) noexcept {
-        const char* const end = key.data() + key.size();
-        if (key.size() >= 8) return load<std::uint64_t>(end - 8) >> (64 - 8 * size);
-        if (size >= 4)
-            return load<std::uint32_t>(end - size) | load<std::uint32_t>(end - 4) << 8 * (size - 4);
-        return load<std::uint8_t>(end - size) | load<std::uint8_t>(end - size + size / 2) << 8 * (size / 2) |
-               load<std::uint8_t>(end - 1) << 8 * (size - 1);
-    }
-
-    // Sets of bytes in a word are the high bits of these bytes.
-    // ----------------------------------------------
-
-    [[gnu::always_inline]] Word next(std::uint64_t word, std::size_t size) noexcept {
-        others_ |= word;
-        std::uint64_t separators = bytesBesideLetters(word) & kHighBits >> 8 * (kWordSize - size);
-        const std::uint64_t followers = separators << 8 | carry_;
-        if ((separators | followers) == 0) return {word, size};
-        others_ |= separators & followers;
-        carry_ = separators >> 8 * (size - 1);
-        word &= ~(followers >> 2);  // raises these letters, if that is what they are
-        const std::size_t separatorCount = (separators >> 7) * kEachByte >> 56;
-        for (; separators != 0; separators = (separators & (separators - 1)) >> 8) {
-            const std::uint64_t before = ((separators & -separators) >> 7) - 1;
-            word = (word & before) | (word >> 8 & ~before);
+    /// Zeros stand behind the bytes. No byte beyond the key is read.
+    static Bytes load(std::string_view key, std::size_t index, std::size_t size) noexcept {
+        const char* const bytes = key.data() + index;
+        const char* const end = bytes + size;
+        std::uint64_t low = 0;
+        std::uint64_t high = 0;
+        if (size >= 8) {
+            // In two steps, since a word cannot be shifted by as many bits as it has.
+            const std::size_t half = 4 * (kBlockSize - size);
+            low = load<std::uint64_t>(bytes);
+            high = load<std::uint64_t>(end - 8) >> half >> half;
+        } else if (key.size() >= 8) {
+            low = load<std::uint64_t>(end - 8) >> (64 - 8 * size);
+        } else if (size >= 4) {
+            low = load<std::uint32_t>(bytes) | load<std::uint32_t>(end - 4) << 8 * (size - 4);
+        } else {
+            low = load<std::uint8_t>(bytes) | load<std::uint8_t>(bytes + size / 2) << 8 * (size / 2) |
+                  load<std::uint8_t>(end - 1) << 8 * (size - 1);
         }
-        return {word, size - separatorCount};
+        return std::bit_cast<Bytes>(Words{low, high});
     }
 
-    /// Bytes that are not ASCII may be among them or not.
-    static std::uint64_t bytesBesideLetters(std::uint64_t word) noexcept {
-        const std::uint64_t lowercase = (word | 0x20 * kEachByte) & ~kHighBits;
-        const std::uint64_t fromA = lowercase + (0x80 - 'a') * kEachByte;
-        const std::uint64_t aboveZ = lowercase + (0x7F - 'z') * kEachByte;
-        return (~fromA | aboveZ) & kHighBits;
+    /// Ones for the first `count` bytes, zeros for the others.
+    static Bytes firstBytes(std::size_t count) noexcept {
+        static constexpr std::array<std::uint64_t, 4> onesThenZeros{~std::uint64_t{0}, ~std::uint64_t{0}, 0,
+                                                                    0};
+        Bytes bytes;
+        std::memcpy(&bytes, reinterpret_cast<const char*>(onesThenZeros.data()) + kBlockSize - count,
+                    sizeof bytes);
+        return bytes;
     }
 
-    std::uint64_t carry_ = 0;   // whether the last byte of the word before was a separator
-    std::uint64_t others_ = 0;  // what this conversion is not for
+    /// The bytes of `block`, each one place further on, behind a zero.
+    static Bytes bytesBehindOne(Bytes block) noexcept {
+        return __builtin_shufflevector(Bytes{}, block, 15, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28,
+                                       29, 30);
+    }
+
+    /// The bytes of `block` without the first one, a zero at their end.
+    static Bytes bytesBehindFirst(Bytes block) noexcept {
+        return __builtin_shufflevector(block, Bytes{}, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16);
+    }
+
+    /// The high bit of each byte, that of the first lowest.
+    static unsigned highBits(Bytes bytes) noexcept {
+#if defined(__SSE2__)
+        return static_cast<unsigned>(_mm_movemask_epi8(std::bit_cast<__m128i>(bytes)));
+#else
+        const auto ofWord = [](std::uint64_t word) {
+            return static_cast<unsigned>((word >> 7 & 0x0101'0101'0101'0101) * 0x0102'0408'1020'4080 >> 56);
+        };
+        const auto words = std::bit_cast<Words>(bytes);
+        return ofWord(words[0]) | ofWord(words[1]) << 8;
+#endif
+    }
+
+    unsigned others_ = 0;           // what this conversion is not for
+    std::uint8_t raisesFirst_ = 0;  // all ones: the block before ended with a separator
 };
 
 /// The camelized form of a key of at most sixteen bytes.
@@ -100,24 +139,17 @@ struct ShortName {
 
 /// The form of most short keys; `std::nullopt`, with nothing decided, for any other key.
 [[gnu::always_inline]] inline std::optional<ShortName> shortNameForKey(std::string_view key) noexcept {
-    if (key.empty() || key.size() > sizeof(detail::NameHead) || !WordCamelization::isSupported)
+    static_assert(sizeof(detail::NameHead) == BlockCamelization::kBlockSize);
+    if (key.empty() || key.size() > BlockCamelization::kBlockSize || !BlockCamelization::isSupported)
         return std::nullopt;
-    WordCamelization conversion;
-    const WordCamelization::Word first = conversion.convert(key, 0);
-    ShortName name{{first.bytes, 0}, first.size};
-    if (key.size() > WordCamelization::kWordSize) {
-        const WordCamelization::Word second = conversion.convert(key, WordCamelization::kWordSize);
-        // Moves each by so many bytes in two steps: a word cannot be shifted by as many bits as it has.
-        const std::size_t half = 4 * first.size;
-        name.head.words[0] |= second.bytes << half << half;
-        name.head.words[1] = second.bytes >> (32 - half) >> (32 - half);
-        name.size += second.size;
-    }
-    return conversion.isRight() ? std::optional(name) : std::nullopt;
+    BlockCamelization conversion;
+    const BlockCamelization::Block block = conversion.convert(key, 0);
+    if (!conversion.isRight()) return std::nullopt;
+    return ShortName{std::bit_cast<detail::NameHead>(block.bytes), block.size};
 }
 
-/// Room for what a key of up to 64 bytes is converted to by words.
-using NameBytes = std::array<char, 64 + WordCamelization::kWordSize>;
+/// Room for what a key of up to 64 bytes is converted to by blocks.
+using NameBytes = std::array<char, 64 + BlockCamelization::kBlockSize>;
 
 /// Where a longer name lives, most of them in `bytes`.
 struct NameBuffer {

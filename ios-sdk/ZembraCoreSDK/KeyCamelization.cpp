@@ -68,11 +68,11 @@ std::size_t camelize(std::string_view scanned, char* out) noexcept {
 
 /// The form of most keys, written to `out`; `std::nullopt`, with nothing decided, for any other key.
 std::optional<std::string_view> camelizeByBlocks(std::string_view key, NameBytes& out) noexcept {
-    const bool hasRoom = key.size() + BlockCamelization::kBlockSize <= out.size();
-    if (key.empty() || !hasRoom || !BlockCamelization::isSupported) return std::nullopt;
+    const bool hasRoom = key.size() + kByteBlockSize <= out.size();
+    if (key.empty() || !hasRoom || !hasByteBlocks) return std::nullopt;
     BlockCamelization conversion;
     std::size_t length = 0;
-    for (std::size_t index = 0; index < key.size(); index += BlockCamelization::kBlockSize) {
+    for (std::size_t index = 0; index < key.size(); index += kByteBlockSize) {
         const auto [bytes, size] = conversion.convert(key, index);
         std::memcpy(out.data() + length, &bytes, sizeof bytes);
         length += size;

@@ -472,8 +472,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
             NSURLErrorSecureConnectionFailed,
             "The request was not sent: of the trusted certificate authorities, " + *problem + '.');
     }
-    const Task task =
-        std::make_shared<NSURLSessionTask>(session_->nextTaskIdentifier(), exchange->target->url());
+    Task task = std::make_shared<NSURLSessionTask>(session_->nextTaskIdentifier(), exchange->target->url());
     exchange->task = task;
     session_->submit(std::move(exchange));
     return task;

@@ -41,7 +41,8 @@ TrustedCertificates::TrustedCertificates(const TrustedCertificates& base, const 
     : origin_(base.origin_ + ", " + origin),
       additions_(base.additions_ + pem + '\n'),
       systemFile_(base.systemFile_),
-      problem_(base.problem_ ? base.problem_ : std::move(problem)) {
+      problem_(std::move(problem)) {
+    if (base.problem_) problem_ = base.problem_;
     if (problem_) return;
     if (!holdsCertificate(pem)) {
         problem_ = origin + " holds no PEM certificate";

@@ -70,7 +70,7 @@ std::string exchangeLine(const Exchange& exchange, std::string_view token) {
     const auto appendFields = [&](std::string_view title, std::string_view equals, const Fields& fields,
                                   auto isOpen) {
         line += title;
-        std::string_view separator = "";
+        std::string_view separator;
         for (const auto& [name, value] : fields) {
             line += separator;
             separator = ", ";

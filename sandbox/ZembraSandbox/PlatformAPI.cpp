@@ -96,7 +96,8 @@ Answer refusal(int status, std::string_view error, std::string_view message) {
 
 Answer PlatformAPI::answer(Exchange& request, const std::string& body) {
     auto form = isForm(request) ? decodedForm(body) : std::nullopt;
-    if (form) request.parameters = *std::move(form);
+    const bool isWellFormed = form.has_value();
+    if (isWellFormed) request.parameters = *std::move(form);
 
     const std::string_view path = std::string_view(request.target).substr(0, request.target.find('?'));
     const auto endpoint = std::find_if(kEndpoints.begin(), kEndpoints.end(),
@@ -121,7 +122,7 @@ Answer PlatformAPI::answer(Exchange& request, const std::string& body) {
         return refusal(400, "invalid_request",
                        "The content type must be " + std::string(kFormContentType) + ".");
     }
-    if (!form) return refusal(400, "invalid_request", "The body is not a well-formed form.");
+    if (!isWellFormed) return refusal(400, "invalid_request", "The body is not a well-formed form.");
     if (const std::string fault = formFault(*endpoint, request.parameters); !fault.empty()) {
         return refusal(400, "invalid_request", fault);
     }

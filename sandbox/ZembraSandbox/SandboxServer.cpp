@@ -167,7 +167,7 @@ void waitForEnd(int descriptor, std::chrono::milliseconds limit) {
 void reset(int descriptor) {
     sockaddr none{};
     none.sa_family = AF_UNSPEC;
-    connect(descriptor, &none, sizeof none);
+    [[maybe_unused]] const int result = connect(descriptor, &none, sizeof none);
 }
 
 }  // namespace

@@ -1,319 +1,438 @@
-// Orders, counts and lifetimes, seen over an HTTP client that records. What goes over the wire, and each
-// outcome of an exchange: ExchangeTests.cpp.
+// The shared manager's operations over real HTTPS: what goes over the wire, and what the caller sees of it.
+// CTest runs each test in a process of its own, so that each makes the manager anew.
 
+#include <atomic>
 #include <barrier>
+#include <chrono>
+#include <cstdio>
 #include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
-#include <ZembraCoreSDK/ZMBApplication.h>
-#include <ZembraCoreSDK/ZMBSDKAuthManager.h>
+#include <ZembraCoreSDK/ZembraCoreSDK.h>
 
+#include <ZembraPlatform/MainQueue.h>
+#include <ZembraPlatform/NSJSONSerialization.h>
+#include <ZembraPlatform/UIDevice.h>
+
+#include "support/ClientFaults.h"
 #include "support/ErrorMatchers.h"
-#include "support/HostBundle.h"
-#include "support/RecordingClient.h"
+#include "support/SandboxManager.h"
+
+namespace {
+
+// What is asked of the environment: this program puts its own version of getenv in place.
+std::atomic<std::size_t> askedCount = 0;
+char asked[64][64];  // no constructor: the first calls come before any
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) char* getenv(const char* name) noexcept {
+    static const auto original = reinterpret_cast<char* (*)(const char*)>(::dlsym(RTLD_NEXT, "getenv"));
+    if (const std::size_t index = askedCount++; index < std::size(asked))
+        std::snprintf(asked[index], sizeof asked[index], "%s", name);
+    return original(name);
+}
 
 namespace zembra::test {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-using ::testing::IsNull;
-using Header = std::optional<std::string>;
+using namespace std::literals;
+using namespace ::testing;
+using sandbox::Exchange;
+using Error = Matcher<NSErrorPtr>;
+using Values = std::vector<Value>;
 
-const auto kHost = "com.example.host";
-const Value kAnswer = Value::dictionary({{"token", "t"}, {"account_id", "a"}, {"more", 1}});
+const std::thread::id kMainThread = std::this_thread::get_id();
 
-class AuthManagerTest : public ::testing::Test {
+/// What the callbacks of one call have received.
+struct Outcome {
+    int callbacks = 0;
+    NSErrorPtr error;
+    Values values;
+
+    void take(const NSErrorPtr& received) { error = received; }
+    void take(const Value& received) { values.push_back(received); }
+};
+using OutcomePtr = std::shared_ptr<Outcome>;
+
+/// A callback of any kind.
+auto callback(const OutcomePtr& outcome) {
+    return [outcome](const auto&... received) {
+        EXPECT_EQ(std::this_thread::get_id(), kMainThread);
+        ++outcome->callbacks;
+        (outcome->take(received), ...);
+    };
+}
+
+OutcomePtr startExchange(ZMBSDKAuthManager& manager) {
+    auto outcome = std::make_shared<Outcome>();
+    manager.getAuthTokenSuccess(callback(outcome), callback(outcome));
+    return outcome;
+}
+
+OutcomePtr startRefresh(ZMBSDKAuthManager& manager, std::string refreshToken = "sandbox.member") {
+    auto outcome = std::make_shared<Outcome>();
+    manager.refreshMemberToken(std::move(refreshToken), callback(outcome), callback(outcome));
+    return outcome;
+}
+
+/// Drains the main queue until the call has its outcome, and then all that is still to come.
+Outcome await(const OutcomePtr& outcome) {
+    EXPECT_TRUE(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
+    MainQueue::shared().drain();
+    EXPECT_EQ(outcome->callbacks, 1);
+    return *outcome;
+}
+
+class ExchangeTest : public Test {
 protected:
-    AuthManagerTest() {
-        setHostBundle("client-1", kHost);
-        manager->setAuthClient(client);
+    ExchangeTest() { setHostBundle("sandbox.demo", "com.example.host"); }
+
+    std::optional<std::string> authorization() const {
+        return manager->authClient()->requestSerializer().valueForHTTPHeaderField("Authorization");
     }
 
-    void getAuthToken(ZMBSDKAuthManager& receiver) {
-        receiver.getAuthTokenSuccess(
-            [this](const Value& account, const Value& token) {
-                values = {account, token};
-            },
-            failure);
-    }
-    void getAuthToken() { getAuthToken(*manager); }
-    void refresh(const std::string& refreshToken = "refresh-1") {
-        manager->refreshMemberToken(
-            refreshToken, [this](const Value& token) { values = {token}; }, failure);
-    }
-    Header authorization() const {
-        return client->requestSerializer().valueForHTTPHeaderField("Authorization");
+    /// What the server's last answer has under `key`; nothing where it is no dictionary.
+    Value answered(std::string_view key) const {
+        return NSJSONSerialization::JSONObjectWithData(server.exchanges().back().answer)[key];
     }
 
-    std::shared_ptr<RecordingClient> client = std::make_shared<RecordingClient>();
-    std::shared_ptr<ZMBSDKAuthManager> manager = std::make_shared<ZMBSDKAuthManager>();
-    std::vector<Value> values;       // what the success handlers received last
-    std::vector<NSErrorPtr> errors;  // what the failure handlers have received
-    const ZMBSDKAuthManager::Failure failure = [this](const NSErrorPtr& error) { errors.push_back(error); };
+    const sandbox::SandboxServer server;
+    const std::shared_ptr<ZMBSDKAuthManager> manager =
+        sharedManagerAt(server.baseAddress(), server.certificateAuthority());
+
+    const Error none = IsNull();
+    const Error network = IsAuthError(0, "network_error");
+    const Error wrong = IsAuthError(1, "wrong_information");
+    const Error unauthorized = IsAuthError(2, "app_unauthorized_error");
+    const Error serverSide = IsAuthError(3, "server_error");
+    const Error internal = IsAuthError(3, "internal_error");
 };
 
-// What a call needs
+// What a call needs and sends
 // -------------------------------------------------------------------------------------------------------
 
-TEST_F(AuthManagerTest, CallsAreRefusedBeforeTheyReturnWithoutWhatTheyNeed) {
-    const auto wrong = IsAuthError(1, "wrong_information");
-    const auto unauthorized = IsAuthError(2, "app_unauthorized_error");
-    const ::testing::Matcher<NSErrorPtr> none = IsNull();
+TEST_F(ExchangeTest, ConfiguringRegistersTheHost) {
+    setHostBundle("client & söhne+1", "com.example/host?");
+    const auto outcome = std::make_shared<Outcome>();
+    ZMBApplication::configureApplication(callback(outcome));
+    EXPECT_THAT(await(outcome).error, none);
+    const Exchange exchange = server.exchanges().front();
+    EXPECT_EQ(exchange.method, "POST");
+    EXPECT_EQ(exchange.target, "/api/v1/app/token");
+    EXPECT_THAT(exchange.parameters,
+                ElementsAre(Pair("client_id", "client & söhne+1"), Pair("signature", "com.example/host?")));
+    EXPECT_EQ(exchange.header("Content-Type"), "application/x-www-form-urlencoded");
+    EXPECT_EQ(exchange.header("X-SDK-Version"), "iOS v" ZEMBRA_TEST_PROJECT_VERSION " Core");
+    EXPECT_THAT(exchange.header("User-Agent").value_or(""),
+                EndsWith(" " + *hardwareString(UIDevice::currentDevice())));
+
+    setHostBundle("", "com.example.host");
+    ZMBApplication::configureApplication(callback(outcome));
+    ZMBApplication::configureApplication(nullptr);  // no crash
+    EXPECT_THAT(outcome->values, ElementsAre(Value(true), Value(false))) << "before the call returns";
+    EXPECT_THAT(outcome->error, wrong);
+}
+
+TEST_F(ExchangeTest, CallsAreRefusedBeforeTheyReturnWithoutWhatTheyNeed) {
     const struct {
         Value clientId, bundleIdentifier, token;
-        bool isClientIdInvalid, isExchanged;
-        ::testing::Matcher<NSErrorPtr> refusal;  // of a refresh
+        Error ofExchange, ofRefresh;
     } cases[] = {
-        {{}, kHost, "app-token", true, false, wrong},
-        {"", kHost, {}, true, false, wrong},
-        {{}, {}, {}, true, false, wrong},
-        {"client-1", {}, {}, false, false, unauthorized},
-        {"client-1", "", "", false, true, unauthorized},
-        {" ", kHost, " ", false, true, none},
-        {42, kHost, 0, false, true, none},
-        {Value::null(), kHost, Value::null(), false, true, none},
+        {{}, "host", "app-token", wrong, wrong},
+        {"", "host", {}, wrong, wrong},
+        {"client-1", {}, "", wrong, unauthorized},
+        {"client-1", {}, "app-token", wrong, none},
+        {"client-1", "", {}, none, unauthorized},
+        {" ", "", " ", none, none},
+        {42, 43, 0, none, none},
+        {Value::null(), "host", Value::null(), none, none},
     };
-    for (const auto& [clientId, bundleIdentifier, token, isClientIdInvalid, isExchanged, refusal] : cases) {
-        SCOPED_TRACE(clientId);
+    for (const auto& [clientId, bundleIdentifier, token, ofExchange, ofRefresh] : cases) {
+        SCOPED_TRACE(Value::array({clientId, bundleIdentifier, token}));
         setHostBundle(clientId, bundleIdentifier);
         manager->setToken(token);
         manager->setBearerToken("someone's");
-        client->requests.clear();
-        errors.clear();
-        EXPECT_EQ(manager->isClientIdInvalid(), isClientIdInvalid);
-        EXPECT_THAT(manager->notAllowRefreshError(), refusal);
-        getAuthToken();
-        if (isExchanged) {
-            EXPECT_EQ(client->requests.at(0).parameters,
-                      Value::dictionary({{"client_id", clientId}, {"signature", bundleIdentifier}}));
-        } else {
-            EXPECT_THAT(client->requests, IsEmpty());
-            EXPECT_THAT(errors, ElementsAre(wrong));
-        }
-        if (manager->notAllowRefreshError()) {
-            refresh();
-            EXPECT_THAT(errors.back(), refusal);
-            EXPECT_EQ(client->requests.size(), isExchanged ? 1u : 0u);
-            EXPECT_EQ(authorization(), "Bearer someone's") << "a refused refresh leaves the header alone";
-        }
+        const OutcomePtr refresh = startRefresh(*manager);
+        EXPECT_THAT(refresh->error, ofRefresh);
+        EXPECT_EQ(authorization(), refresh->error ? std::optional("Bearer someone's") : std::nullopt);
+        await(refresh);
+        const OutcomePtr exchange = startExchange(*manager);
+        EXPECT_THAT(exchange->error, ofExchange);
         EXPECT_EQ(manager->token(), token);
+        if (exchange->error) continue;
+        EXPECT_THAT(await(exchange).error, none);
+        EXPECT_THAT(
+            server.exchanges().back().parameters,
+            ElementsAre(Pair("client_id", clientId.text()), Pair("signature", bundleIdentifier.text())));
     }
+    EXPECT_EQ(server.exchangeCount(), 8u) << "nothing of what was refused";
 }
 
-TEST_F(AuthManagerTest, CallsWithoutAnHTTPClientAreRefusedAfterTheOtherTests) {
-    manager->setAuthClient(nullptr);
-    manager->setBearerToken("abc");  // nothing to set it on
-    getAuthToken();
-    refresh();
-    manager->setToken("app-token");
-    refresh();
-    EXPECT_THAT(errors,
-                ElementsAre(IsAuthError(1, "wrong_information"), IsAuthError(2, "app_unauthorized_error"),
-                            IsAuthError(1, "wrong_information")));
+TEST_F(ExchangeTest, ManagersWithoutAnHTTPClientRefuseCallsAfterTheOtherTests) {
+    const auto own = std::make_shared<ZMBSDKAuthManager>();
+    own->setBearerToken("abc");  // nothing to set it on
+    EXPECT_THAT(startExchange(*own)->error, wrong);
+    EXPECT_THAT(startRefresh(*own)->error, unauthorized);
+    own->setToken("app-token");
+    EXPECT_THAT(startRefresh(*own)->error, wrong);
 }
 
-TEST_F(AuthManagerTest, LooksIdentifiersUpAnewInAFixedOrder) {
-    // How often the client identifier is there before it vanishes, and what the exchange makes of that.
-    const std::vector<std::string> looks{"CFBundleIdentifier", "ZMBSDKClientID", "ZMBSDKClientID",
-                                         "ZMBSDKClientID"};
-    for (const int present : {0, 1, 2, 3}) {
-        int clientIdLooks = 0;
-        const auto bundle = std::make_shared<HostBundle>([&](std::string_view key) {
-            if (key == "CFBundleIdentifier") return Value(kHost);
-            return clientIdLooks++ < present ? Value("client-1") : Value();
-        });
+class HostBundle : public NSBundle {
+public:
+    HostBundle() : NSBundle(Value()) {}
+    MOCK_METHOD(Value, objectForInfoDictionaryKey, (std::string_view key), (const, override));
+};
+
+TEST_F(ExchangeTest, LooksIdentifiersUpAnewInAFixedOrder) {
+    // What comes of it where the identifiers, the bundle's first, are there so many times and no more.
+    const Error errors[] = {wrong, wrong, wrong, internal, none};
+    for (int present = 0; present < 5; ++present) {
+        const auto bundle = std::make_shared<StrictMock<HostBundle>>();
+        const InSequence inOrder;
+        for (int look = 0; look < std::min(present + 1, 4); ++look) {
+            const char* const key = look == 0 ? "CFBundleIdentifier" : "ZMBSDKClientID";
+            const Value identifier = look < present ? "x" : Value();
+            EXPECT_CALL(*bundle, objectForInfoDictionaryKey(key)).WillOnce(Return(identifier));
+        }
         NSBundle::setMainBundle(bundle);
-        getAuthToken();
-        EXPECT_EQ(bundle->lookups, std::vector(looks.begin(), looks.begin() + std::min(present + 2, 4)));
+        EXPECT_THAT(await(startExchange(*manager)).error, errors[present]);
+        setHostBundle({}, {});
     }
-    EXPECT_THAT(errors,
-                ElementsAre(IsAuthError(1, "wrong_information"), IsAuthError(1, "wrong_information")));
-    ASSERT_EQ(client->requests.size(), 2u);
-    EXPECT_EQ(client->requests[0].parameters, Value::dictionary({{"signature", kHost}}))
-        << "gone by then: left out";
+    EXPECT_THAT(server.exchanges().front().parameters, ElementsAre(Pair("signature", "x"))) << "left out";
+}
 
-    const auto empty = std::make_shared<HostBundle>([](std::string_view) { return Value(); });
-    NSBundle::setMainBundle(empty);
-    getAuthToken();
-    EXPECT_THAT(empty->lookups, ElementsAre("CFBundleIdentifier"));
+TEST_F(ExchangeTest, BearerTokensSetAndRemoveTheHeader) {
+    manager->setBearerToken("");
+    EXPECT_EQ(authorization(), "Bearer ");
+    manager->setBearerToken({});
+    EXPECT_EQ(authorization(), std::nullopt);
+    manager->setBearerToken(Value::null());
+    EXPECT_EQ(authorization(), "Bearer null");
+}
+
+TEST_F(ExchangeTest, RefreshesCarryTheAppTokenOfTheirOwnCallAndNothingElseDoes) {
+    const std::string first = await(startExchange(*manager)).values.at(1).text();
+    const std::string second = await(startExchange(*manager)).values.at(1).text();
+    ASSERT_NE(first, second);
+    manager->setBearerToken("of the host's own");
+    std::vector<OutcomePtr> outcomes;
+    for (const std::string& token : {first, second}) {
+        manager->setToken(token);
+        outcomes.push_back(startRefresh(*manager));
+        outcomes.push_back(startExchange(*manager));
+    }
+    for (const auto& outcome : outcomes)
+        EXPECT_THAT(await(outcome).error, none);
+    std::vector<std::string> sent;
+    for (const Exchange& exchange : server.exchanges())
+        sent.push_back(exchange.target + ' ' + exchange.header("Authorization").value_or("none"));
+    const std::string plain = "/api/v1/app/token none", refresh = "/api/v1/app/members/token Bearer ";
+    EXPECT_THAT(sent, UnorderedElementsAre(plain, plain, plain, plain, refresh + first, refresh + second));
+}
+
+TEST_F(ExchangeTest, RefreshTokensOfAnyBytesArriveUnchanged) {
+    await(startExchange(*manager));
+    for (const std::string& refreshToken : {""s, "line\r\nbreak \xFF\0 & more"s}) {
+        EXPECT_THAT(await(startRefresh(*manager, refreshToken)).error, internal) << "an unknown one";
+        EXPECT_THAT(server.exchanges().back().parameters, ElementsAre(Pair("refresh_token", refreshToken)));
+    }
+}
+
+TEST_F(ExchangeTest, AppTokenThatNoHeaderCanCarryFailsOnceAndSendsNothing) {
+    for (const char* token : {"a\r\nX-Evil: 1", "a\nb", "a\x7F"}) {
+        manager->setToken(token);
+        const NSErrorPtr error = await(startRefresh(*manager)).error;
+        ASSERT_THAT(error, IsError(AFHTTPSessionErrorDomain, AFHTTPSessionErrorInvalidHeader));
+        EXPECT_THAT(error->localizedDescription(), AllOf(HasSubstr("Authorization"), Not(HasSubstr(token))));
+        EXPECT_EQ(authorization(), std::nullopt);
+    }
+    EXPECT_EQ(server.exchangeCount(), 0u);
+    EXPECT_THAT(await(startExchange(*manager)).error, none) << "the client is as good as before";
+}
+
+TEST_F(ExchangeTest, ReadsListedEnvironmentVariablesAndWritesNoFile) {
+    // Writing to a regular file would end the process: SIGXFSZ.
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit nothing{0, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &nothing), 0);
+    askedCount = 0;
+    setHostBundle("sandbox.unauthorized", "com.example.host");
+    const Outcome outcome = await(startExchange(*manager));
+    const std::vector<std::string> names(asked, asked + std::min(askedCount.load(), std::size(asked)));
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_THAT(outcome.error, unauthorized);
+    EXPECT_THAT(names, Each(AnyOf("LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG", "https_proxy", "HTTPS_PROXY",
+                                  "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY", "SSLKEYLOGFILE",
+                                  "SIMDJSON_FORCE_IMPLEMENTATION")));
+    EXPECT_THAT(names, Contains("https_proxy")) << "the record is of the exchange";
 }
 
 // What an answer does
 // -----------------------------------------------------------------------------------------------------
 
-/// Tells which of its operations are called, and may go while an answer is handled.
+// Each way in which an exchange can end, and what the caller sees of it.
+TEST_F(ExchangeTest, EveryOutcomeIsTold) {
+    const Error malformed = IsError(NSJSONSerializationErrorDomain, NSJSONSerializationErrorMalformed);
+    const struct {
+        std::vector<std::string> names;  // the sandbox's "sandbox.<name>"
+        Error ofRefresh, ofExchange;
+        bool isStored;  // by the exchange; a refresh stores nothing
+    } outcomes[] = {
+        {{"slow", "null-token", "empty-token", "member"}, none, none, true},
+        {{"demo", "unknown"}, internal, none, true},
+        {{"expired"}, unauthorized, none, true},
+        {{"no-token", "empty-body", "array", "string", "number"}, serverSide, serverSide, true},
+        {{"no-account-id"}, internal, serverSide, true},
+        {{"unauthorized"}, unauthorized, unauthorized, false},
+        {{"refused", "broken", "wrong-content-type"}, internal, internal, false},
+        {{"not-json"}, malformed, malformed, false},
+        {{"truncated", "reset", "silent"}, network, network, false},
+    };
+    const Value appToken = await(startExchange(*manager)).values.at(1), account = "earlier account";
+    for (const auto& [names, ofRefresh, ofExchange, isStored] : outcomes) {
+        for (const std::string& name : names) {
+            SCOPED_TRACE(name);
+            manager->setToken(appToken);
+            manager->setAccountId(account);
+            manager->setBearerToken("of the host's own");
+            const Outcome refresh = await(startRefresh(*manager, "sandbox." + name));
+            EXPECT_THAT(refresh.error, ofRefresh);
+            EXPECT_EQ(refresh.values, refresh.error ? Values() : Values{answered("token")});
+            EXPECT_EQ(manager->token(), appToken);
+            EXPECT_EQ(manager->accountId(), account);
+            EXPECT_EQ(authorization(), std::nullopt);
+
+            manager->setBearerToken("of the host's own");
+            setHostBundle("sandbox." + name, "com.example.host");
+            const Outcome exchange = await(startExchange(*manager));
+            EXPECT_THAT(exchange.error, ofExchange);
+            const Values stored{manager->accountId(), manager->token()};
+            EXPECT_EQ(exchange.values, exchange.error ? Values() : stored);
+            EXPECT_EQ(stored, isStored ? Values({answered("account_id"), answered("token")})
+                                       : Values({account, appToken}));
+            EXPECT_EQ(authorization(), "Bearer of the host's own") << "left alone";
+            if (name == "null-token" || name == "empty-token") {
+                const Value token = name == "null-token" ? Value::null() : Value("");
+                EXPECT_THAT(refresh.values, ElementsAre(token));
+                EXPECT_THAT(exchange.values, ElementsAre(_, token));
+            }
+        }
+    }
+}
+
+/// A host's own version of the operations that an answer goes through.
 class HostManager : public ZMBSDKAuthManager {
 public:
-    void setToken(Value token) override {
-        calls.push_back("setToken");
-        ZMBSDKAuthManager::setToken(std::move(token));
-        if (onSetToken) onSetToken();
-    }
-    void setAccountId(Value accountId) override {
-        calls.push_back("setAccountId");
-        ZMBSDKAuthManager::setAccountId(std::move(accountId));
-    }
-    Value accountId() const override {
-        calls.push_back("accountId");
-        return ZMBSDKAuthManager::accountId();
-    }
-    Value token() const override {
-        calls.push_back("token");
-        return "read back";
-    }
-
-    std::function<void()> onSetToken;
-    mutable std::vector<std::string> calls;
+    MOCK_METHOD(void, setToken, (Value token), (override));
+    MOCK_METHOD(void, setAccountId, (Value accountId), (override));
+    MOCK_METHOD(Value, accountId, (), (const, override));
+    MOCK_METHOD(Value, token, (), (const, override));
 };
 
-TEST_F(AuthManagerTest, AnswerGoesThroughTheManagersOwnOperationsInOrder) {
-    auto host = std::make_shared<HostManager>();
-    host->setAuthClient(client);
-    getAuthToken(*host);
-    client->requests[0].answer(kAnswer);
-    EXPECT_THAT(host->calls, ElementsAre("setToken", "setAccountId", "accountId", "token"));
-    EXPECT_THAT(values, ElementsAre(Value("a"), Value("read back")));
-
-    host->onSetToken = [&host] { host.reset(); };  // gone: not touched again
-    getAuthToken(*host);
-    client->requests[1].answer(kAnswer);
-    EXPECT_THAT(errors, ElementsAre(IsAuthError(3, "server_error")));
+TEST_F(ExchangeTest, AnswersGoThroughTheManagersOwnOperationsInOrder) {
+    auto host = std::make_shared<StrictMock<HostManager>>();
+    host->setAuthClient(manager->authClient());
+    const InSequence inOrder;
+    EXPECT_CALL(*host, setToken);
+    EXPECT_CALL(*host, setAccountId);
+    EXPECT_CALL(*host, accountId).WillOnce(Return("read back"));
+    EXPECT_CALL(*host, token).WillOnce(Return("this too"));
+    EXPECT_CALL(*host, setToken).WillOnce([&host] { host.reset(); });  // gone: not touched again
+    EXPECT_THAT(await(startExchange(*host)).values, ElementsAre(Value("read back"), Value("this too")));
+    EXPECT_THAT(await(startExchange(*host)).error, serverSide);
 }
 
-TEST_F(AuthManagerTest, AnswerHandledLastWins) {
-    getAuthToken();
-    manager->getAuthTokenSuccess(nullptr, nullptr);  // without callbacks: no crash
-    client->requests[1].answer(Value::dictionary({{"token", 1}, {"account_id", 2}}));
-    EXPECT_EQ(manager->accountId(), Value(2));
-    client->requests[0].answer(kAnswer);
-    EXPECT_EQ(manager->token(), Value("t"));
-    EXPECT_EQ(manager->accountId(), Value("a"));
-}
-
-TEST_F(AuthManagerTest, RequestsDoNotKeepTheManagerAlive) {
-    manager->setToken("app-token");
-    getAuthToken();
-    refresh();
-    const std::weak_ptr<ZMBSDKAuthManager> weak = manager;
-    manager.reset();
+TEST_F(ExchangeTest, RequestsDoNotKeepTheManagerAlive) {
+    auto own = std::make_shared<ZMBSDKAuthManager>();
+    own->setAuthClient(manager->authClient());
+    await(startExchange(*own));
+    const OutcomePtr exchange = startExchange(*own), refresh = startRefresh(*own);
+    const std::weak_ptr<ZMBSDKAuthManager> weak = own;
+    own.reset();
     EXPECT_TRUE(weak.expired());
-    client->requests[0].answer(kAnswer);
-    EXPECT_THAT(errors, ElementsAre(IsAuthError(3, "server_error")));
-    client->requests[1].answer(kAnswer);
-    EXPECT_THAT(values, ElementsAre(Value("t")));
-    client->requests[1].fail(NSError::errorWithDomain("foreign", 1, Value::dictionary({})));
-    EXPECT_THAT(errors.back(), IsNull()) << "what the mapping makes of it";
+    EXPECT_THAT(await(exchange).error, serverSide);
+    EXPECT_THAT(await(refresh).error, none);
 }
 
-// The bearer value
-// -----------------------------------------------------------------------------------------------------
+TEST_F(ExchangeTest, AThousandExchangesInFlightEachEndOnce) {
+    manager->getAuthTokenSuccess(nullptr, nullptr);  // no crash
+    std::vector<OutcomePtr> outcomes;
+    for (int i = 0; i < 1000; ++i)
+        outcomes.push_back(startExchange(*manager));
+    for (const auto& outcome : outcomes)
+        EXPECT_THAT(await(outcome).error, none);
+    EXPECT_EQ(server.exchangeCount(), 1001u);
+}
 
-TEST_F(AuthManagerTest, BearerTokenSetsAndRemovesTheHeader) {
-    const std::pair<Value, Header> cases[] = {
-        {"", "Bearer "}, {{}, std::nullopt}, {Value::null(), "Bearer null"}};
-    for (const auto& [token, header] : cases) {
-        manager->setBearerToken(token);
-        EXPECT_EQ(authorization(), header);
+// Everything that the HTTP client can report comes out of the mapping as an error of some kind.
+TEST(ExchangeFault, NoneIsLostInTheMapping) {
+    for (const ClientFault& fault : clientFaults()) {
+        SCOPED_TRACE(fault.name);
+        const NSErrorPtr mapped = ZMBAuthError(fault.provoke());
+        ASSERT_NE(mapped, nullptr);
+        if (fault.domain == NSURLErrorDomain) {
+            EXPECT_THAT(mapped, IsAuthError(0, "network_error"));
+            EXPECT_THAT(mapped->userInfo()[NSUnderlyingErrorKey].as<NSError>(),
+                        IsError(fault.domain, fault.code));
+        } else if (fault.code == AFHTTPSessionErrorUnacceptableContentType) {
+            EXPECT_THAT(mapped, IsAuthError(3, "internal_error"));
+        }
     }
 }
 
-TEST_F(AuthManagerTest, RefreshAloneCarriesTheBearerValue) {
-    manager->setBearerToken("someone's");
-    manager->setToken("app-1");
-    refresh();
-    manager->setToken("app-2");
-    refresh("");
-    getAuthToken();
-    ASSERT_EQ(client->requests.size(), 3u);
-    EXPECT_EQ(client->requests[0].headers.at("Authorization"), "Bearer app-1");
-    EXPECT_EQ(client->requests[1].headers.at("Authorization"), "Bearer app-2");
-    EXPECT_EQ(client->requests[1].parameters, Value::dictionary({{"refresh_token", ""}}));
-    EXPECT_FALSE(client->requests[2].headers.contains("Authorization"));
-}
-
-// The shared manager. CTest runs each test in a process of its own, so that each makes the first call.
+// The shared manager
 // ------------------------------------------------------------------------------------------------------
-
-/// Hands the client that the shared manager's construction makes over to a recording one.
-class RecordedManager : public ZMBSDKAuthManager {
-public:
-    static std::string cmsAPIHost() { return "https://localhost/api/v1/"; }
-
-    void setAuthClient(std::shared_ptr<AFHTTPSessionManager> client) override {
-        baseURL = client->baseURL().absoluteString();
-        recording->requestSerializer().setValue(std::nullopt, "User-Agent");
-        ZMBSDKAuthManager::setAuthClient(recording);
-    }
-
-    std::string baseURL;
-    static inline const auto recording = std::make_shared<RecordingClient>();
-};
 
 TEST(SharedManager, IsMadeOnceByConcurrentFirstCallers) {
     constexpr int kThreads = 64;
     std::barrier start(kThreads);
     std::vector<std::shared_ptr<ZMBSDKAuthManager>> managers(kThreads);
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (auto& manager : managers) {
         threads.emplace_back([&] {
             start.arrive_and_wait();
             manager = ZMBSDKAuthManager::sharedManager();
         });
     }
-    for (auto& thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(std::set(managers.begin(), managers.end()).size(), 1u);
 
-    const auto manager = managers.front();
-    EXPECT_EQ(ZMBSDKAuthManager::sharedManager<RecordedManager>(), manager);
-    EXPECT_EQ(std::dynamic_pointer_cast<RecordedManager>(manager), nullptr) << "the type of the first call";
-    EXPECT_EQ(manager->authClient()->baseURL().absoluteString(), ZMBSDKAuthManager::cmsAPIHost());
-    EXPECT_THAT(ZMBSDKAuthManager::cmsAPIHost(), ::testing::MatchesRegex("https://[^/?#@]+/api/v1/"));
-    EXPECT_EQ(manager->authClient()->requestSerializer().timeoutInterval().count(), 2.0);
-    EXPECT_THAT(manager->authClient()->responseSerializer().acceptableContentTypes(),
-                ElementsAre("application/json"));
-    EXPECT_TRUE(manager->token().isNothing() && manager->accountId().isNothing());
+    AFHTTPSessionManager& client = *managers[0]->authClient();
+    EXPECT_EQ(client.baseURL().absoluteString(), ZMBSDKAuthManager::cmsAPIHost());
+    EXPECT_THAT(ZMBSDKAuthManager::cmsAPIHost(), MatchesRegex("https://[^/?#@]+/api/v1/"));
+    EXPECT_EQ(client.requestSerializer().timeoutInterval().count(), 2.0);
+    EXPECT_THAT(client.responseSerializer().acceptableContentTypes(), ElementsAre("application/json"));
 }
 
+/// Its client has no "User-Agent" of its own.
+class AgentlessManager : public ZMBSDKAuthManager {
+    void setAuthClient(std::shared_ptr<AFHTTPSessionManager> client) override {
+        client->requestSerializer().setValue(std::nullopt, "User-Agent");
+        ZMBSDKAuthManager::setAuthClient(std::move(client));
+    }
+};
+
 TEST(SharedManager, HasTheTypeOfTheFirstCall) {
-    const auto manager = ZMBSDKAuthManager::sharedManager<RecordedManager>();
-    const auto recorded = std::dynamic_pointer_cast<RecordedManager>(manager);
-    ASSERT_NE(recorded, nullptr);
-    EXPECT_EQ(recorded->baseURL, "https://localhost/api/v1/");
+    const auto manager = ZMBSDKAuthManager::sharedManager<AgentlessManager>();
+    EXPECT_NE(std::dynamic_pointer_cast<AgentlessManager>(manager), nullptr);
     EXPECT_EQ(ZMBSDKAuthManager::sharedManager(), manager);
     EXPECT_EQ(manager->authClient()->requestSerializer().valueForHTTPHeaderField("User-Agent"), std::nullopt)
         << "removed, not made, where the client has none";
 }
 
-TEST(ConfigureApplication, TellsTheOutcomeOnce) {
-    const auto manager = ZMBSDKAuthManager::sharedManager<RecordedManager>();
-    const auto& requests = RecordedManager::recording->requests;
-    std::vector<std::pair<bool, NSErrorPtr>> completions;
-    const auto configure = [&] {
-        ZMBApplication::configureApplication(
-            [&](bool success, const NSErrorPtr& error) { completions.emplace_back(success, error); });
-    };
-    using ::testing::Pair;
-    const auto refused = Pair(false, IsAuthError(1, "wrong_information"));
-
-    setHostBundle("", kHost);
-    configure();
-    EXPECT_THAT(completions, ElementsAre(refused)) << "before the call returns";
-    setHostBundle("client-1", kHost);
-    configure();
-    configure();
-    ZMBApplication::configureApplication(nullptr);
-    EXPECT_EQ(completions.size(), 1u);
-    requests.at(0).answer(kAnswer);
-    requests.at(1).answer(Value());
-    requests.at(2).answer(kAnswer);
-    EXPECT_THAT(completions,
-                ElementsAre(refused, Pair(true, IsNull()), Pair(false, IsAuthError(3, "server_error"))));
-    EXPECT_EQ(manager->token(), Value("t"));
+TEST(VersionSymbols, KeepTheirValues) {
+    EXPECT_STREQ(reinterpret_cast<const char*>(ZembraCoreSDKVersionString),
+                 "@(#)PROGRAM:ZembraCoreSDK  PROJECT:Zembra-1\n");
+    EXPECT_EQ(ZembraCoreSDKVersionNumber, 1.0);
 }
 
 }  // namespace

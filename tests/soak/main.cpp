@@ -19,7 +19,6 @@
 
 #include <ZembraPlatform/MainQueue.h>
 
-#include "support/HostBundle.h"
 #include "support/SandboxManager.h"
 
 using namespace std::chrono_literals;

@@ -26,4 +26,10 @@ inline std::shared_ptr<ZMBSDKAuthManager> sharedManagerAt(const std::string& add
     return manager;
 }
 
+/// Makes the process's main bundle one with these two identifiers; nothing leaves the key out.
+inline void setHostBundle(const Value& clientId, const Value& bundleIdentifier) {
+    NSBundle::setMainBundle(std::make_shared<NSBundle>(
+        Value::dictionary({{"ZMBSDKClientID", clientId}, {"CFBundleIdentifier", bundleIdentifier}})));
+}
+
 }  // namespace zembra::test

@@ -210,6 +210,7 @@ TEST_F(ExchangeTest, LooksIdentifiersUpAnewInAFixedOrder) {
 }
 
 TEST_F(ExchangeTest, BearerTokensSetAndRemoveTheHeader) {
+    manager->setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString("")));
     manager->setBearerToken("");
     EXPECT_EQ(authorization(), "Bearer ");
     manager->setBearerToken({});

@@ -161,12 +161,15 @@ TEST(QVDataObjectTests, DictionariesBecomeObjectsAndConsumeOnlyWhatNobodyElseHol
 class Event : public Place {
     ZMB_DATA_OBJECT(Event, Place)
 
+    std::shared_ptr<const NSDateFormatter> dateFormatter() const { return formatter(); }
+    Value arrayPropertyForKey(std::string_view key, const Value& values) { return replacement(key, values); }
+
 public:
-    MOCK_METHOD(std::shared_ptr<const NSDateFormatter>, dateFormatter, (), (const));
-    MOCK_METHOD(Value, arrayPropertyForKey, (std::string_view key, const Value& values));
+    MOCK_METHOD(std::shared_ptr<const NSDateFormatter>, formatter, (), (const));
+    MOCK_METHOD(Value, replacement, (std::string_view key, const Value& values));
 };
 
-/// Hooks of a base class count.
+/// Hooks of a base class count, private ones included.
 class Concert : public Event {
     ZMB_DATA_OBJECT(Concert, Event)
 
@@ -177,7 +180,7 @@ public:
 
 TEST(QVDataObjectTests, AsksForAFormatterForEachStringOfADateProperty) {
     Concert event;
-    EXPECT_CALL(event, dateFormatter).Times(2).WillRepeatedly(Return(NSDateFormatter::ISO8601Formatter()));
+    EXPECT_CALL(event, formatter).Times(2).WillRepeatedly(Return(NSDateFormatter::ISO8601Formatter()));
     ASSERT_TRUE(event.initWithJSON(
         JSON(R"({"created_at": "2024-02-29", "doors_open_at": "tomorrow", "name": "2024-01-01"})")));
     const Date date = std::chrono::sys_days(std::chrono::year(2024) / 2 / 29);
@@ -185,19 +188,18 @@ TEST(QVDataObjectTests, AsksForAFormatterForEachStringOfADateProperty) {
     event.setPropertyValue(5, "doorsOpenAt", NSDate::staticClass());
     EXPECT_EQ(event.doorsOpenAt.value(), Value(5));
 
-    EXPECT_CALL(event, dateFormatter).WillOnce(Return(nullptr));
+    EXPECT_CALL(event, formatter).WillOnce(Return(nullptr));
     event.setPropertyValue("2024-02-29", "createdAt", NSDate::staticClass());
     EXPECT_TRUE(event.createdAt.value().isNothing());
 }
 
 TEST(QVDataObjectTests, AsksTheArrayHookForEveryArrayOutsideDataObjects) {
     const Value empty = Value::array({}), other = Value::array({"x", 2});
-    for (const auto& [replacement, assigned] :
-         {std::pair(Value(), empty), {"no array", empty}, {other, other}}) {
+    for (const auto& [given, assigned] : {std::pair(Value(), empty), {"no array", empty}, {other, other}}) {
         Concert event;
-        EXPECT_CALL(event, arrayPropertyForKey("tags", JSON("[1]"))).WillOnce(Return(replacement));
-        EXPECT_CALL(event, arrayPropertyForKey("doorsOpenAt", JSON("[2]"))).WillOnce(Return(replacement));
-        EXPECT_CALL(event, arrayPropertyForKey("name", JSON("[3]"))).WillOnce(Return(replacement));
+        EXPECT_CALL(event, replacement("tags", JSON("[1]"))).WillOnce(Return(given));
+        EXPECT_CALL(event, replacement("doorsOpenAt", JSON("[2]"))).WillOnce(Return(given));
+        EXPECT_CALL(event, replacement("name", JSON("[3]"))).WillOnce(Return(given));
         ASSERT_TRUE(event.initWithJSON(
             JSON(R"({"tags": [1], "doors_open_at": [2], "name": [3], "owner_info": [4], "unknown": [5]})")));
         EXPECT_EQ(contents(event),

@@ -24,95 +24,73 @@ protected:
         return [this, letter] { log += letter; };
     }
 
-    std::function<void()> stops = [this] { queue.stop(); };
-
     bool isReadable() const {
         pollfd descriptor{queue.fileDescriptor(), POLLIN, 0};
         return ::poll(&descriptor, 1, 0) == 1;
     }
 };
 
-TEST_F(MainQueueTest, DrainRunsWhatWaitedWhenItBegan) {
+TEST_F(MainQueueTest, DrainRunsWhatWaitedAndTheDescriptorIsReadableWhileTasksWait) {
     queue.post(writes('a'));
-    queue.post([this] {
-        log += 'b';
-        queue.post(writes('d'));
-    });
+    EXPECT_TRUE(isReadable());  // also for a task that was there before anyone asked for the descriptor
     queue.post({});
-    queue.post(writes('c'));
-    EXPECT_EQ(queue.pendingCount(), 3u);
-    EXPECT_EQ(queue.drain(), 3u);
-    EXPECT_EQ(log, "abc");
-    EXPECT_EQ(queue.drain(), 1u);
+    queue.post([this] { EXPECT_FALSE(isReadable()); });
+    EXPECT_EQ(queue.pendingCount(), 2u);
+    EXPECT_EQ(queue.drain(), 2u);
+    queue.post([this] { queue.post(writes('c')); });
+    queue.post(writes('b'));
+    EXPECT_EQ(queue.drain(), 2u);
+    EXPECT_EQ(log, "ab");
+    EXPECT_TRUE(isReadable());
+    queue.runFor(0ms);
+    EXPECT_FALSE(isReadable());
     EXPECT_EQ(queue.drain(), 0u);
-    EXPECT_EQ(log, "abcd");
+    EXPECT_EQ(log, "abc");
 }
 
 TEST_F(MainQueueTest, TasksMayDrainAndMayThrow) {
     queue.post([this] {
-        queue.post(writes('c'));
-        log += 'a';
-        EXPECT_EQ(queue.drain(), 2u);  // what waits now: b and c
+        queue.post(writes('b'));
+        EXPECT_EQ(queue.drain(), 2u);  // what waits now: a and b
         throw 1;
     });
-    queue.post(writes('b'));
-    EXPECT_THROW(queue.drain(), int);
-    queue.post(writes('d'));
-    EXPECT_EQ(queue.drain(), 1u);
-    EXPECT_EQ(log, "abcd");
-}
-
-TEST_F(MainQueueTest, StopEndsTheRunInProgressOrElseTheNext) {
-    queue.post(stops);
     queue.post(writes('a'));
-    queue.run();
-    queue.stop();
-    queue.run();
-    EXPECT_EQ(log, "");
-    EXPECT_TRUE(queue.runUntil([this] { return log == "a"; }, std::chrono::milliseconds::max()));
-    queue.post(stops);
-    EXPECT_FALSE(queue.runUntil([] { return false; }, 1min));
-
-    // A stop that comes together with the condition ends with the operation.
-    queue.post([this] {
-        log += 'b';
-        queue.stop();
-    });
-    EXPECT_TRUE(queue.runUntil([this] { return log == "ab"; }, 1min));
+    EXPECT_THROW(queue.drain(), int);
     queue.post(writes('c'));
-    queue.runFor(0ms);
+    EXPECT_EQ(queue.drain(), 1u);
     EXPECT_EQ(log, "abc");
 }
 
-TEST_F(MainQueueTest, RunUntilEndsWithItsConditionOrItsDuration) {
+TEST_F(MainQueueTest, RunsEndWithAStopTheirConditionOrTheirDuration) {
+    const auto stop = [this] { queue.stop(); };
+    const auto never = [] { return false; };
+    queue.post(stop);
     queue.post(writes('a'));
+    queue.run();
+    stop();
+    queue.run();  // ends with the stop before it
     EXPECT_TRUE(queue.runUntil([] { return true; }, 1min));
     EXPECT_EQ(log, "");
+    EXPECT_TRUE(queue.runUntil([this] { return log == "a"; }, std::chrono::milliseconds::max()));
+    queue.post(stop);
+    EXPECT_FALSE(queue.runUntil(never, 1min));
+    queue.post([&] { stop(), log += 'b'; });
+    EXPECT_TRUE(queue.runUntil([this] { return log == "ab"; }, 1min));  // and so does the stop
+    queue.post(writes('c'));
+    queue.runFor(0ms);
+    EXPECT_EQ(log, "abc");
+    for (const auto duration : {-1ms, 1ms})
+        EXPECT_FALSE(queue.runUntil(never, duration));
     // Tasks that keep coming do not keep it from ending.
     std::function<void()> endless = [&] { queue.post(endless); };
     queue.post(endless);
-    EXPECT_FALSE(queue.runUntil([] { return false; }, 20ms));
-    EXPECT_EQ(log, "a");
-    EXPECT_FALSE(queue.runUntil([] { return false; }, -1ms));
-}
-
-TEST_F(MainQueueTest, TheDescriptorIsReadableExactlyWhileTasksWait) {
-    queue.post(writes('a'));
-    EXPECT_TRUE(isReadable());  // also for a task that was there before anyone asked for the descriptor
-    queue.post([this] { EXPECT_TRUE(isReadable()); });
-    queue.post([this] { EXPECT_FALSE(isReadable()); });
-    queue.drain();
-    EXPECT_FALSE(isReadable());
-    queue.post(writes('b'));
-    EXPECT_TRUE(isReadable());
-    queue.runFor(0ms);
-    EXPECT_FALSE(isReadable());
+    EXPECT_FALSE(queue.runUntil(never, 20ms));
 }
 
 TEST_F(MainQueueTest, TakesTasksFromManyThreads) {
     constexpr int kTasks = 2000;
     int next[8] = {}, count = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int& nextOfThread : next) {
         threads.emplace_back([&] {
             for (int task = 0; task < kTasks; ++task)
@@ -123,8 +101,6 @@ TEST_F(MainQueueTest, TakesTasksFromManyThreads) {
         });
     }
     EXPECT_TRUE(queue.runUntil([&] { return count == 8 * kTasks; }, 1min));
-    for (std::thread& thread : threads)
-        thread.join();
     EXPECT_FALSE(isReadable());
 }
 

@@ -28,14 +28,14 @@ TEST(NSString, CountsUTF16UnitsAndTellsWellFormedText) {
 }
 
 TEST(NSError, PrintsItselfAndItsCauses) {
-    Value causes = Value::dictionary({{NSLocalizedDescriptionKey, "It broke."}});
-    for (const char* domain : {"a", "b"})
-        causes = Value::dictionary({{NSLocalizedDescriptionKey, ""},
-                                    {NSUnderlyingErrorKey, NSError::errorWithDomain(domain, -2, causes)}});
-    EXPECT_EQ(
-        testing::PrintToString(NSError("d", 1, causes)),
-        R"(d 1 "The operation could not be completed (d, code 1).", caused by b -2 "The operation could not be completed (b, code -2).", caused by a -2 "It broke.")");
-    EXPECT_NE(NSError("d", 1).localizedDescription(), "");
+    const auto infoOf = [](const char* description, const NSErrorPtr& cause) {
+        return Value::dictionary({{NSLocalizedDescriptionKey, description}, {NSUnderlyingErrorKey, cause}});
+    };
+    const NSErrorPtr bare = NSError::errorWithDomain("a", -2);
+    const NSErrorPtr empty = NSError::errorWithDomain("b", 0, infoOf("", bare));
+    EXPECT_EQ(testing::PrintToString(NSError("c", 1, infoOf("It broke.", empty))),
+              "c 1 \"It broke.\", caused by b 0 \"The operation could not be completed (b, code 0).\""
+              ", caused by a -2 \"The operation could not be completed (a, code -2).\"");
     EXPECT_TRUE(NSError("d", 1, "text").userInfo().isNothing());
     EXPECT_TRUE(NSError("d", 1, Value::dictionary({})).userInfo().isDictionary());
 }
@@ -55,7 +55,7 @@ TEST(DateFormatter, ReadsTheUsualFormsOfISO8601AndNoOthers) {
                 {"2024-02-29 23:59:07", "2024-02-29T23:59:07Z"},
                 {"2024-02-29t23:59z", "2024-02-29T23:59:00Z"},
                 {"2024-02-29", "2024-02-29T00:00:00Z"},
-                {"2024-02-29T23:59:07.5+01:00", "2024-02-29T22:59:07.500000Z"},
+                {"2024-02-29T23:59:07.05+01:00", "2024-02-29T22:59:07.050000Z"},
                 {"2024-02-29T23:59:07,1234567899-0130", "2024-03-01T01:29:07.123456Z"},
                 {"2024-02-29T23:59+14", "2024-02-29T09:59:00Z"},
                 {"1969-12-31T23:59:59.9999999", "1969-12-31T23:59:59.999999Z"},
@@ -66,8 +66,7 @@ TEST(DateFormatter, ReadsTheUsualFormsOfISO8601AndNoOthers) {
                 {"2017-01-01T01:59:60.75+02:00", "2017-01-01T00:00:00Z"},
                 {"", ""},
                 {" 2024-01-01", ""},
-                {"2024-01-01 ", ""},
-                {{"2024-01-01", 11}, ""}};  // ends with a zero byte
+                {{"2024-01-01", 11}, ""}};  // the last ends with a zero byte
     std::istringstream noDates(
         "now 2024 2024-02 2024-02-30 2023-02-29 2024-13-01 2024-00-10 2024-01-00 24-01-01 2024-1-01 "
         "+2024-01-01 -024-01-01 2024-01-01Z 2024-01-01T 2024/01/01 2024-01-01X10:00");
@@ -85,13 +84,11 @@ TEST(DateFormatter, ReadsTheUsualFormsOfISO8601AndNoOthers) {
 TEST(DateFormatter, ReadsAPattern) {
     const std::pair<std::string, Cases> patterns[] = {
         {"%d.%m.%Y %H:%M", {{"29.02.2024 23:59", "2024-02-29T23:59:00Z"}, {"29.02.2024 23:59 ", ""}}},
-        {"%d.%m.%Y %H:%M",
-         {{"30.02.2024 23:59", ""}, {"29.02.2024 24:01", ""}, {"29.02.2024", ""}, {"", ""}}},
+        {"%d.%m.%Y %H:%M", {{"30.02.2024 23:59", ""}, {"29.02.2024 24:01", ""}, {"29.02.2024", ""}}},
         {"%a, %d %b %Y %T %z", {{"Thu, 29 Feb 2024 23:59:07 +0130", "2024-02-29T22:29:07Z"}}},
-        {"%a, %d %b %Y %T %z",
-         {{"Thu, 29 Feb 2024 23:59:07 +9900", ""}, {"Fri, 29 Feb 2024 23:59:07 +0000", ""}}},
-        {"%Y%m%dT%H%M%SZ",
-         {{"20240229T235907.123456Z", "2024-02-29T23:59:07.123456Z"}, {"20240229T235907.1234567Z", ""}}},
+        {"%a, %d %b %Y %z", {{"Thu, 29 Feb 2024 +9900", ""}, {"Fri, 29 Feb 2024 +0000", ""}}},
+        {"%Y%m%dT%H%M%SZ", {{"20240229T235907.123456Z", "2024-02-29T23:59:07.123456Z"}}},
+        {"%Y%m%dT%H%M%SZ", {{"20240229T235907.1234567Z", ""}}},
         {"%F", {{"2024-02-29", "2024-02-29T00:00:00Z"}, {"2024-02-29T10:00Z", ""}}},
         {"%H:%M", {{"10:00", ""}}},
         {"", {{"", ""}, {"2024-02-29", ""}}},

@@ -14,7 +14,6 @@ using namespace testing;
 using Type = Value::Type;
 using Int64 = std::numeric_limits<std::int64_t>;
 using UInt64 = std::numeric_limits<std::uint64_t>;
-using Microseconds = std::chrono::microseconds;
 using Double = std::numeric_limits<double>;
 
 struct Apple : NSObject {};
@@ -55,10 +54,7 @@ TEST(ValueTests, EachFormIsWhatItIsAndAnswersNoToAllElse) {
         {"", Type::string, "", R"("")"},
         {"fourteen bytes", Type::string, "fourteen bytes", R"("fourteen bytes")"},
         {"fifteen bytes !", Type::string, "fifteen bytes !", R"("fifteen bytes !")"},
-        {Date(Microseconds(-1)), Type::date, R"("1969-12-31T23:59:59.999999Z")"},
-        {Date(Microseconds(1'709'164'861'000'001)), Type::date, R"("2024-02-29T00:01:01.000001Z")"},
-        {Date(Microseconds(-61'117'804'800'000'000)), Type::date, R"("0033-04-03T00:00:00Z")"},
-        {Date(Microseconds(253'402'300'800'000'000)), Type::date, R"("+10000-01-01T00:00:00Z")"},
+        {Date(std::chrono::microseconds(-1)), Type::date, R"("1969-12-31T23:59:59.999999Z")"},
         {Date::min(), Type::date, R"("-290308-12-21T19:59:05.224192Z")"},
         {Value::array({}), Type::array, "[]"},
         {Value::array({1, Value(), object}), Type::array, R"([1,"Apple"])", "[1,<Apple>]"},

@@ -23,7 +23,4 @@ std::vector<ClientFault> clientFaults();
 /// The parameter and the header value that every one of these requests carries: a secret.
 inline constexpr char kSecret[] = "c0ffee-s3cret";
 
-/// A gzip stream of `size` zero bytes, a thousandth of it in length.
-std::string compressedZeros(std::size_t size);
-
 }  // namespace zembra::test

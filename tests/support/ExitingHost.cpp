@@ -13,36 +13,27 @@
 
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 
-namespace {
-
-std::unique_ptr<zembra::AFHTTPSessionManager> staticClient;
-
-}  // namespace
-
 int main(int count, char** arguments) {
     if (count != 5) return 2;
     const std::string how = arguments[1];
-    const std::chrono::microseconds delay(std::atoi(arguments[2]));
-    auto client = std::make_unique<zembra::AFHTTPSessionManager>(zembra::NSURL::URLWithString(arguments[3]));
+    static std::unique_ptr<zembra::AFHTTPSessionManager> staticClient;
+    static auto& called = *new std::promise<void>;  // never destroyed, which would end the wait below
+    auto* const client = new zembra::AFHTTPSessionManager(zembra::NSURL::URLWithString(arguments[3]));
     client->addTrustedCertificateAuthority(arguments[4]);
+    if (how == "static") staticClient.reset(client);
 
-    static std::promise<void> called;
-    if (how == "callback" || how == "busy") {
-        client->setCompletionQueue([](std::function<void()> task) { task(); });
-        const bool exits = how == "callback";
+    const bool exits = how == "callback";
+    if (exits || how == "busy") {
+        client->setCompletionQueue([](const auto& task) { task(); });
         client->POST("token", {}, nullptr, nullptr, [exits](auto&&...) {
             if (exits) std::exit(0);
             called.set_value();
             std::this_thread::sleep_for(std::chrono::seconds(30));
         });
         called.get_future().wait();  // for ever where the callback exits
-        [[maybe_unused]] auto* const forgotten = client.release();
-        std::exit(0);
     }
     for (int request = 0; request < 8; ++request)
         client->POST("token", {}, nullptr, nullptr, nullptr);
-    std::this_thread::sleep_for(delay);
-    auto* const last = client.release();
-    if (how == "static") staticClient.reset(last);
+    std::this_thread::sleep_for(std::chrono::microseconds(std::atoi(arguments[2])));
     std::exit(0);
 }

@@ -2,127 +2,217 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
+#include <csignal>
+#include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <ZembraSandbox/Certificates.h>
-
-struct ssl_ctx_st;
-struct ssl_st;
+#include <fcntl.h>
+#include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 namespace zembra::test {
 
-/// One connection as a server's script sees it. An operation that fails because the other side is gone or the
-/// server stops returns false or an empty text; a script that returns closes the connection.
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using Clock = std::chrono::steady_clock;
+
+inline constexpr char kJSON[] = "Content-Type: application/json\r\n";
+
+/// One connection as a server's script sees it. What reads or writes makes the TLS handshake first. An
+/// operation that fails because the other side is gone or the server stops returns false or an empty text; a
+/// script that returns closes the connection.
 class Connection {
 public:
-    Connection(int descriptor, ssl_ctx_st* context, const std::atomic<bool>& isStopping);
-    ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
+    Connection(BIO* socket, SSL_CTX* context)
+        : descriptor(static_cast<int>(BIO_get_fd(socket, nullptr))), ssl_(::SSL_new(context), &::SSL_free) {
+        ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        ::BIO_set_tcp_ndelay(descriptor, 1);
+        ::SSL_set_bio(ssl_.get(), socket, socket);
+        ::SSL_set_accept_state(ssl_.get());
+    }
 
-    bool handshake();
+    /// Makes each of the two parts of the server's side of the handshake, as TLS 1.2 has it, 1.1 seconds
+    /// late.
+    void slowHandshakeDown() {
+        ::SSL_set_max_proto_version(ssl_.get(), TLS1_2_VERSION);
+        ::SSL_set_info_callback(ssl_.get(), [](const SSL* ssl, int, int) {
+            const OSSL_HANDSHAKE_STATE state = ::SSL_get_state(ssl);  // what came last
+            if (state == TLS_ST_SR_CLNT_HELLO || state == TLS_ST_SR_FINISHED)
+                std::this_thread::sleep_for(1100ms);
+        });
+    }
 
-    /// A handshake whose side of it comes byte by byte, as it were: in pieces, `pause` before each.
-    bool slowHandshake(std::chrono::milliseconds pause);
+    /// The next request as it came, header and body.
+    std::string readRequest() {
+        constexpr std::string_view kEnd = "\r\n\r\n", kLength = "\r\nContent-Length:";
+        std::string request;
+        for (std::size_t size = std::string::npos; request.size() < size;) {
+            char buffer[16384];
+            const int count = ::SSL_read(ssl_.get(), buffer, sizeof buffer);
+            if (count <= 0) return {};
+            request.append(buffer, static_cast<std::size_t>(count));
+            const std::size_t end = request.find(kEnd);
+            if (end == std::string::npos) continue;
+            const char* const length = request.c_str() + request.find(kLength) + kLength.size();
+            size = end + kEnd.size() + std::strtoull(length, nullptr, 10);
+        }
+        return request;
+    }
 
-    /// The next request as it came: its header, or header and body (by its Content-Length).
-    std::string readHeader();
-    std::string readRequest();
-
-    bool write(std::string_view text);
+    bool write(std::string_view text) {
+        return text.empty() || ::SSL_write(ssl_.get(), text.data(), static_cast<int>(text.size())) > 0;
+    }
 
     /// Writes an answer with `body`, its length and `fields` (lines).
-    bool answer(std::string_view body, std::string_view fields = "Content-Type: application/json\r\n",
-                int status = 200);
+    bool answer(std::string_view body = "{}", std::string_view fields = kJSON, int status = 200) {
+        return write("HTTP/1.1 " + std::to_string(status) + " Answer\r\nContent-Length: " +
+                     std::to_string(body.size()) + "\r\n" + std::string(fields) + "\r\n" + std::string(body));
+    }
 
-    /// Writes each piece `pause` after the one before.
-    bool drip(const std::vector<std::string>& pieces, std::chrono::milliseconds pause);
+    /// Waits that long, reading nothing; false as soon as the client closes the connection or the server
+    /// stops.
+    bool wait(std::chrono::milliseconds time) const {
+        pollfd socket{descriptor, POLLRDHUP, 0};
+        return ::poll(&socket, 1, static_cast<int>(time.count())) == 0;
+    }
 
-    /// Waits, reading nothing, until the client closes the connection or the server stops.
-    void hold();
-
-    /// Waits that long, less if the server stops.
-    bool wait(std::chrono::milliseconds time);
+    /// Waits for one of these two; `stall` makes the handshake before.
+    void hold() const { wait(-1ms); }
+    void stall() {
+        ::SSL_accept(ssl_.get());
+        hold();
+    }
 
     /// Makes the connection end with a reset.
-    void reset();
+    void reset() const {
+        const linger atOnce{1, 0};
+        ::setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    }
 
-    /// The socket itself, for what goes around TLS.
-    [[nodiscard]] int descriptor() const noexcept { return descriptor_; }
+    const int descriptor;  ///< The socket itself, for what goes around TLS.
 
 private:
-    [[nodiscard]] bool isReady(short events) const;
-    bool readMore();
+    const std::unique_ptr<SSL, decltype(&::SSL_free)> ssl_;
+};
 
-    const int descriptor_;
-    const std::atomic<bool>& isStopping_;
-    ssl_st* const ssl_;
-    std::string received_;
+using Script = std::function<void(Connection&)>;
+
+/// Gives every request this answer.
+inline Script answering(std::string body = "{}", std::string fields = kJSON, int status = 200) {
+    return [=](Connection& connection) {
+        while (!connection.readRequest().empty() && connection.answer(body, fields, status)) {
+        }
+    };
+}
+
+/// Reads a request and writes `text`.
+inline Script saying(std::string text) {
+    return [=](Connection& connection) {
+        if (!connection.readRequest().empty()) connection.write(text);
+    };
+}
+
+/// The authority that issues the certificates of all servers unless they say otherwise.
+inline const sandbox::Certificate& testAuthority() {
+    static const auto certificate =
+        sandbox::makeCertificate({.commonName = "Test authority", .isAuthority = true});
+    return certificate;
+}
+
+struct TLSServerOptions {
+    const sandbox::Certificate* issuer = &testAuthority();  ///< None makes a self-signed certificate.
+    std::vector<std::string> names = {"DNS:localhost", "IP:127.0.0.1"};
+    std::chrono::seconds validFrom = -1h;
+    std::chrono::seconds validUntil = 1h;
+    bool isTLS11Only = false;
 };
 
 /// A server on the loopback interface, at an ephemeral port, that does to each connection what its script
 /// says: for the faults that no proper HTTP server commits. The script runs on a thread of the connection.
 class TLSServer {
 public:
-    using Script = std::function<void(Connection&)>;
+    /// Without a script connections wait to be accepted: the first one for ever, the others unmade.
+    explicit TLSServer(Script script = answering(), const TLSServerOptions& options = {})
+        : script_(std::move(script)), context_(::SSL_CTX_new(::TLS_server_method()), &::SSL_CTX_free) {
+        const auto& [issuer, names, validFrom, validUntil, isTLS11Only] = options;
+        useCertificate(*context_,
+                       makeCertificate({"localhost", names, false, validFrom, validUntil}, issuer));
+        if (isTLS11Only) {
+            ::SSL_CTX_set_security_level(context_.get(), 0);
+            SSL_CTX_set_min_proto_version(context_.get(), TLS1_1_VERSION);
+            SSL_CTX_set_max_proto_version(context_.get(), TLS1_1_VERSION);
+        }
+        if (BIO_do_accept(listener_.get()) != 1) std::abort();
+        if (script_)
+            acceptor_ = std::jthread([this] { accept(); });
+        else
+            ::listen(descriptor(), 0);
+    }
 
-    struct Options {
-        sandbox::CertificateProfile profile = {.commonName = "localhost",
-                                               .alternativeNames = {"DNS:localhost", "IP:127.0.0.1"}};
-        bool isSelfSigned = false;
-        bool isTLS11Only = false;
-    };
-
-    explicit TLSServer(Script script);
-    TLSServer(Script script, Options options);
-    ~TLSServer();
-    TLSServer(const TLSServer&) = delete;
-    TLSServer& operator=(const TLSServer&) = delete;
+    ~TLSServer() {
+        ::shutdown(descriptor(), SHUT_RDWR);
+        acceptor_ = {};
+        std::unique_lock lock(mutex_);
+        for (const Connection& connection : open_)
+            ::shutdown(connection.descriptor, SHUT_RDWR);
+        lock.unlock();
+        threads_.clear();
+    }
 
     /// "https://<host>:<port>/"
-    [[nodiscard]] std::string address(std::string_view host = "127.0.0.1") const;
+    [[nodiscard]] std::string address(std::string_view host = "127.0.0.1") const {
+        return "https://" + std::string(host) + ':' + BIO_get_accept_port(listener_.get()) + '/';
+    }
 
-    /// PEM text of the authority that issues the certificates of all these servers.
-    [[nodiscard]] static const std::string& certificateAuthority();
+    /// PEM text of `testAuthority()`.
+    [[nodiscard]] static const std::string& certificateAuthority() { return testAuthority().pem; }
 
     [[nodiscard]] int connectionCount() const noexcept { return connectionCount_; }
 
 private:
-    void accept();
+    [[nodiscard]] int descriptor() const { return static_cast<int>(BIO_get_fd(listener_.get(), nullptr)); }
+
+    void accept() {
+        sigset_t signals;
+        ::sigfillset(&signals);  // a client that goes away in the middle of a write is no reason to die
+        ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        while (BIO_do_accept(listener_.get()) == 1) {
+            ++connectionCount_;
+            const std::lock_guard lock(mutex_);
+            open_.emplace_back(::BIO_pop(listener_.get()), context_.get());
+            threads_.emplace_back([this, connection = std::prev(open_.end())] {
+                script_(*connection);
+                const std::lock_guard closing(mutex_);
+                open_.erase(connection);
+            });
+        }
+    }
 
     const Script script_;
-    const std::unique_ptr<ssl_ctx_st, void (*)(ssl_ctx_st*)> context_;
-    int listener_ = -1;
-    std::uint16_t port_ = 0;
-    std::atomic<bool> isStopping_ = false;
+    const std::unique_ptr<SSL_CTX, decltype(&::SSL_CTX_free)> context_;
+    const std::unique_ptr<BIO, decltype(&::BIO_free_all)> listener_{::BIO_new_accept("127.0.0.1:0"),
+                                                                    &::BIO_free_all};
     std::atomic<int> connectionCount_ = 0;
-    std::list<std::thread> threads_;
-    std::thread acceptor_;
+    std::mutex mutex_;
+    std::list<Connection> open_;  // guarded by it
+    std::list<std::jthread> threads_;
+    std::jthread acceptor_;
 };
 
 /// A loopback address at which nothing listens.
-[[nodiscard]] std::string refusingAddress();
-
-/// A loopback address at which connecting hangs: the queue of its listener is full.
-class UnacceptingServer {
-public:
-    UnacceptingServer();
-    ~UnacceptingServer();
-    UnacceptingServer(const UnacceptingServer&) = delete;
-    UnacceptingServer& operator=(const UnacceptingServer&) = delete;
-
-    [[nodiscard]] std::string address() const;
-
-private:
-    std::vector<int> descriptors_;
-    std::uint16_t port_ = 0;
-};
+[[nodiscard]] inline std::string refusingAddress() {
+    return TLSServer().address();
+}
 
 }  // namespace zembra::test

@@ -63,14 +63,15 @@ void appendPercentEncoded(std::string& text, std::string_view bytes) {
 }  // namespace
 
 struct ZEMBRA_HIDDEN AFHTTPRequestSerializer::State {
+    using Fields = NSHTTPURLResponse::HeaderFields;
+
     mutable std::mutex mutex;
     NSTimeInterval timeoutInterval = kDefaultTimeout;
-    NSHTTPURLResponse::HeaderFields fields;
+    std::shared_ptr<const Fields> fields =
+        std::make_shared<const Fields>(Fields{{"User-Agent", defaultUserAgent()}});
 };
 
-AFHTTPRequestSerializer::AFHTTPRequestSerializer() : state_(std::make_unique<State>()) {
-    state_->fields.emplace("User-Agent", defaultUserAgent());
-}
+AFHTTPRequestSerializer::AFHTTPRequestSerializer() : state_(std::make_unique<State>()) {}
 
 AFHTTPRequestSerializer::~AFHTTPRequestSerializer() = default;
 
@@ -86,21 +87,26 @@ NSTimeInterval AFHTTPRequestSerializer::timeoutInterval() const {
 
 void AFHTTPRequestSerializer::setValue(std::optional<std::string> value, std::string_view field) {
     const std::lock_guard lock(state_->mutex);
-    if (value) {
-        state_->fields.insert_or_assign(std::string(field), std::move(*value));
-    } else if (const auto found = state_->fields.find(field); found != state_->fields.end()) {
-        state_->fields.erase(found);
-    }
+    auto fields = std::make_shared<State::Fields>(*state_->fields);
+    if (value)
+        fields->insert_or_assign(std::string(field), std::move(*value));
+    else if (const auto found = fields->find(field); found != fields->end())
+        fields->erase(found);
+    state_->fields = std::move(fields);
 }
 
 std::optional<std::string> AFHTTPRequestSerializer::valueForHTTPHeaderField(std::string_view field) const {
-    const std::lock_guard lock(state_->mutex);
-    const auto found = state_->fields.find(field);
-    if (found == state_->fields.end()) return std::nullopt;
+    const auto fields = this->fields();
+    const auto found = fields->find(field);
+    if (found == fields->end()) return std::nullopt;
     return found->second;
 }
 
 NSHTTPURLResponse::HeaderFields AFHTTPRequestSerializer::HTTPRequestHeaders() const {
+    return *fields();
+}
+
+std::shared_ptr<const NSHTTPURLResponse::HeaderFields> AFHTTPRequestSerializer::fields() const {
     const std::lock_guard lock(state_->mutex);
     return state_->fields;
 }

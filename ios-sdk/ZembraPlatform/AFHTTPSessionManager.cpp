@@ -142,7 +142,8 @@ public:
     /// Where requests to `path` go, and the header of those with `fields`. The latest ones are kept: a host
     /// makes the same few requests, and often in a row.
     [[nodiscard]] std::shared_ptr<const HTTPTarget> target(std::string_view path);
-    [[nodiscard]] std::shared_ptr<const HTTPRequestHeader> header(HTTPRequestHeader::Fields fields);
+    [[nodiscard]] std::shared_ptr<const HTTPRequestHeader> header(
+        std::shared_ptr<const HTTPRequestHeader::Fields> fields);
 
     /// Puts `certificates` in the place of those before. These stay until the end: a file's name must not
     /// come again while libcurl remembers what it held.
@@ -229,8 +230,8 @@ std::shared_ptr<const HTTPTarget> AFHTTPSessionManager::Session::target(std::str
 }
 
 std::shared_ptr<const HTTPRequestHeader> AFHTTPSessionManager::Session::header(
-    HTTPRequestHeader::Fields fields) {
-    if (!latestHeader_ || latestHeader_->fields() != fields)
+    std::shared_ptr<const HTTPRequestHeader::Fields> fields) {
+    if (!latestHeader_ || !latestHeader_->isOf(fields))
         latestHeader_ = std::make_shared<HTTPRequestHeader>(std::move(fields));
     return latestHeader_;
 }
@@ -455,7 +456,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
     const AFHTTPRequestSerializer& requests = requestSerializer();
     exchange->idleLimit = idleLimitOf(requests.timeoutInterval());
     exchange->body = AFHTTPRequestSerializer::formWithParameters(parameters);
-    auto fields = requests.HTTPRequestHeaders();
+    auto fields = requests.fields();
     {
         const std::lock_guard lock(session_->settingsMutex);
         exchange->queue = session_->completionQueue;

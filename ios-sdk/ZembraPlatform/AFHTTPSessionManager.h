@@ -80,6 +80,11 @@ public:
     [[nodiscard]] static std::string formWithParameters(const Value& parameters);
 
 private:
+    friend class AFHTTPSessionManager;
+
+    /// All default header fields: the same object for as long as none is set or removed.
+    [[nodiscard]] ZEMBRA_HIDDEN std::shared_ptr<const NSHTTPURLResponse::HeaderFields> fields() const;
+
     struct State;
     const std::unique_ptr<State> state_;
 };

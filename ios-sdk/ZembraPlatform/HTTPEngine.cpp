@@ -181,8 +181,8 @@ void HTTPTarget::Deleter::operator()(Curl_URL* url) const noexcept {
     ::curl_url_cleanup(url);
 }
 
-HTTPRequestHeader::HTTPRequestHeader(Fields fields) : fields_(std::move(fields)) {
-    Fields sent = fields_;
+HTTPRequestHeader::HTTPRequestHeader(std::shared_ptr<const Fields> fields) : fields_(std::move(fields)) {
+    Fields sent = *fields_;
     for (const char* const own : {"Content-Length", "Transfer-Encoding", "Expect"})
         sent.erase(own);
     sent.try_emplace("Content-Type", "application/x-www-form-urlencoded");

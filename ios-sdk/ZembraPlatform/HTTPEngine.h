@@ -64,10 +64,12 @@ public:
     using Fields = NSHTTPURLResponse::HeaderFields;
 
     /// With `fields`, but those that are the connection's, and with those that every request has.
-    [[gnu::cold]] explicit HTTPRequestHeader(Fields fields);
+    [[gnu::cold]] explicit HTTPRequestHeader(std::shared_ptr<const Fields> fields);
 
-    /// The fields that it was made of.
-    [[nodiscard]] const Fields& fields() const noexcept { return fields_; }
+    /// Whether it was made of these fields.
+    [[nodiscard]] bool isOf(const std::shared_ptr<const Fields>& fields) const {
+        return fields_ == fields || *fields_ == *fields;
+    }
 
     /// The error of a request with it where a field cannot be sent.
     [[nodiscard]] const NSErrorPtr& refusal() const noexcept { return refusal_; }
@@ -80,7 +82,7 @@ private:
     };
     void append(const std::string& line);
 
-    const Fields fields_;
+    const std::shared_ptr<const Fields> fields_;
     NSErrorPtr refusal_;
     std::unique_ptr<curl_slist, Deleter> lines_;
 };

@@ -131,8 +131,8 @@ TEST(AFHTTPSessionManagerTimeTest, DestroyingAClientIsQuickAndCancelsItsRequests
         for (int count = 0; count < 9; ++count)         // seven stall as well, two wait for a connection
             outcomes.push_back(startPOST(*client));
         areStalled.wait();
-        std::this_thread::sleep_for(
-            50ms);  // for the client's thread to come to rest; nothing tells from outside
+        // For the client's thread to come to rest, which nothing tells from outside.
+        std::this_thread::sleep_for(50ms);
         const auto start = Clock::now();
         client.reset();
         EXPECT_LT(Clock::now() - start, 100ms) << first;

@@ -17,6 +17,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ZembraPlatform/NSJSONSerialization.h>
+
 #include "TrustedCertificates.h"
 
 namespace zembra {
@@ -39,9 +41,6 @@ constexpr milliseconds kShortestBackstop = std::chrono::minutes(1);
 
 /// The longest single wait; poll's own limit is not far beyond.
 constexpr milliseconds kLongestWait = std::chrono::hours(24);
-
-/// Room behind a body that lets the JSON decoder read it in place.
-constexpr std::size_t kBodyPadding = 64;
 
 using namespace std::string_view_literals;
 
@@ -414,7 +413,8 @@ std::size_t HTTPEngine::Transfer::onBody(char* data, std::size_t, std::size_t co
         curl_off_t length = -1;
         ::curl_easy_getinfo(transfer.easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
         const auto expected = length > 0 ? static_cast<std::size_t>(length) : count;
-        body.reserve(std::min(std::max(expected, count), kLargestBody) + kBodyPadding);
+        body.reserve(std::min(std::max(expected, count), kLargestBody) +
+                     NSJSONSerialization::spareCapacity);  // so it can be decoded in place
     }
     body.append(data, count);
     return count;

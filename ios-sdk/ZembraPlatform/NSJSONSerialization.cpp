@@ -97,7 +97,7 @@ public:
 
     /// All texts handed in end at `end` and are padded.
     explicit KeyTable(const char* end) : end_(end) {
-        keys_.reserve(16);
+        keys_.reserve(12);  // within 1 KiB, up to which the allocator is quickest
         keys_.emplace_back();
     }
 

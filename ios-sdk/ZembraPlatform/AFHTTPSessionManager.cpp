@@ -187,8 +187,10 @@ private:
     std::atomic<bool> isInCallback_ = false;  // not guarded
 
     // What wakes the I/O thread: without any request it waits for the semaphore, which takes a system call
-    // less than a descriptor, and otherwise for this descriptor and its sockets.
-    bool isParked_ = false;
+    // less than a descriptor, and otherwise for this descriptor and its sockets. It says so with the mutex
+    // held, after a look at what is guarded; while it does not wait, it need not be woken.
+    enum class Wait : unsigned char { none, semaphore, descriptor };
+    std::atomic<Wait> wait_ = Wait::none;
     sem_t parked_;
     int wakeDescriptor_ = -1;
 };
@@ -252,7 +254,7 @@ void AFHTTPSessionManager::Session::submit(std::shared_ptr<HTTPExchange> exchang
         return refuse(std::move(exchange), "The client's thread could not be started.");
     }
     incoming_.push_back(std::move(exchange));
-    if (incoming_.size() == 1) wake(lock);
+    wake(lock);
 }
 
 /// Fails an exchange where there is no I/O thread to do it; not inside the call either.
@@ -295,14 +297,14 @@ bool AFHTTPSessionManager::Session::start() {
 }
 
 void AFHTTPSessionManager::Session::wake(std::unique_lock<std::mutex>& lock) noexcept {
-    const bool isParked = std::exchange(isParked_, false);
+    const Wait wait = wait_.exchange(Wait::none);
     lock.unlock();
-    if (isParked) {
+    if (wait == Wait::semaphore) {
         ::sem_post(&parked_);
-        return;
+    } else if (wait == Wait::descriptor) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor_, &one, sizeof one);
     }
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor_, &one, sizeof one);
 }
 
 void AFHTTPSessionManager::Session::run() {
@@ -314,13 +316,14 @@ void AFHTTPSessionManager::Session::run() {
     std::unique_lock lock(mutex_);
     while (stop_ == Stop::none) {
         if (incoming_.empty() && engine->isIdle()) {
-            isParked_ = true;
+            wait_ = Wait::semaphore;
             lock.unlock();
             ::sem_wait(&parked_);  // an early return does no harm
             lock.lock();
             continue;
         }
         incoming.swap(incoming_);
+        wait_ = Wait::descriptor;
         lock.unlock();
         for (auto& exchange : incoming) {
             if (exchange->error) {
@@ -330,7 +333,9 @@ void AFHTTPSessionManager::Session::run() {
             }
         }
         incoming.clear();
-        if (engine->turn(ended)) {
+        const bool isWoken = engine->turn(ended);
+        wait_ = Wait::none;
+        if (isWoken) {
             std::uint64_t count = 0;
             [[maybe_unused]] const ssize_t taken = ::read(wakeDescriptor_, &count, sizeof count);
         }

@@ -9,11 +9,14 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
+#include <thread>
 
 #include <ZembraSandbox/SandboxServer.h>
 #include <benchmark/benchmark.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <time.h>
 
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>
@@ -152,6 +155,61 @@ private:
     BareClient client_;
 };
 
+/// The same handle on a thread of its own, to which each exchange is handed over: what that alone costs.
+class HandedOverClient : public Client {
+public:
+    explicit HandedOverClient(LibcurlClient& client) : client_(client) {
+        sem_init(&begin_, 0, 0);
+        sem_init(&end_, 0, 0);
+        thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+        pthread_getcpuclockid(thread_.native_handle(), &clock_);
+    }
+    ~HandedOverClient() override {
+        thread_.request_stop();
+        sem_post(&begin_);
+        thread_.join();
+        sem_destroy(&begin_);
+        sem_destroy(&end_);
+    }
+
+    std::string_view name() const override { return "libcurl on a thread"; }
+
+    bool exchange(const char* clientIdentifier, int count) override {
+        bool isGood = true;
+        for (int i = 0; i < count; ++i) {
+            clientIdentifier_ = clientIdentifier;
+            sem_post(&begin_);
+            sem_wait(&end_);
+            isGood = isGood_ && isGood;
+        }
+        return isGood;
+    }
+
+    void endConnections() override { client_.endConnections(); }
+
+    void setCompressed(bool isCompressed) override { client_.setCompressed(isCompressed); }
+
+    Seconds processorTime() const override {
+        return bench::processorTime(CLOCK_THREAD_CPUTIME_ID) + bench::processorTime(clock_);
+    }
+
+private:
+    void run(const std::stop_token& stop) {
+        for (sem_wait(&begin_); !stop.stop_requested(); sem_wait(&begin_)) {
+            isGood_ = client_.exchange(clientIdentifier_, 1);
+            sem_post(&end_);
+        }
+    }
+
+    LibcurlClient& client_;
+    const char* clientIdentifier_ = nullptr;
+    bool isGood_ = false;
+    sem_t begin_{};  // as the SDK has them; a standard one would try for a while before it sleeps
+    sem_t end_{};
+    clockid_t clock_ = CLOCK_THREAD_CPUTIME_ID;
+    std::jthread thread_;
+};
+
 /// Measures `times` batches of `count` exchanges at once, after `prepare`: the time and the client's
 /// processor time of one exchange, in nanoseconds.
 template <class Prepare>
@@ -176,7 +234,7 @@ void measure(benchmark::State& state, Client& client, int times, int count, Prep
     state.counters["cpu_ns"] = {processorTime.count() * scale, benchmark::Counter::kAvgIterations};
 }
 
-void registerBenchmarks(SDKClient& sdk, LibcurlClient& libcurl) {
+void registerBenchmarks(SDKClient& sdk, LibcurlClient& libcurl, HandedOverClient& handedOver) {
     const auto add = [](const std::string& name, int iterations, auto body) {
         benchmark::RegisterBenchmark(name.c_str(), body)
             ->Iterations(iterations)
@@ -185,10 +243,11 @@ void registerBenchmarks(SDKClient& sdk, LibcurlClient& libcurl) {
             ->UseManualTime()
             ->Unit(benchmark::kMicrosecond);
     };
-    for (Client* const client : std::initializer_list<Client*>{&sdk, &libcurl}) {
+    for (Client* const client : std::initializer_list<Client*>{&sdk, &libcurl, &handedOver}) {
         const std::string suffix = "/" + std::string(client->name());
         add("Exchange" + suffix, 1,
             [client](benchmark::State& state) { measure(state, *client, kExchangesPerRound, 1, [] {}); });
+        if (client == &handedOver) continue;
         add("PlainExchange" + suffix, 1, [client](benchmark::State& state) {
             client->setCompressed(false);
             measure(state, *client, kExchangesPerRound, 1, [] {});
@@ -219,7 +278,8 @@ int run(int count, char** arguments) {
             fields.emplace_back(name, value);
     }
     LibcurlClient libcurl(server.baseAddress(), server.certificateAuthority(), fields);
-    registerBenchmarks(sdk, libcurl);
+    HandedOverClient handedOver(libcurl);
+    registerBenchmarks(sdk, libcurl, handedOver);
     benchmark::RunSpecifiedBenchmarks();
     return EXIT_SUCCESS;
 }

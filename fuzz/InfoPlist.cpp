@@ -3,7 +3,7 @@
 #include <string>
 
 #include "Fuzz.h"
-#include "NSPropertyList.h"
+#include "bundles/NSPropertyList.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     std::string reason;

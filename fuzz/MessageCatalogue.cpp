@@ -1,7 +1,7 @@
 // A message catalogue of any bytes gives texts in UTF-8, or none. The first line of the input is a key to
 // look up.
 
-#include "MessageCatalogue.h"
+#include "bundles/MessageCatalogue.h"
 
 #include <string>
 

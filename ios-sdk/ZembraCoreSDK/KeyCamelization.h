@@ -9,7 +9,8 @@
 #include <string>
 #include <string_view>
 
-#include <ZembraPlatform/ByteBlock.h>
+#include <ZembraCoreSDK/ByteBlock.h>
+
 #include <ZembraPlatform/ObjectRuntime.h>
 
 namespace zembra {

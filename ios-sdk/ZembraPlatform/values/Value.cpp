@@ -6,10 +6,10 @@
 #include <ostream>
 #include <stdexcept>
 
-#include <ZembraPlatform/KeyHash.h>
 #include <ZembraPlatform/Value.h>
-#include <ZembraPlatform/ValueBuilder.h>
-#include <ZembraPlatform/ValueText.h>
+
+#include "values/KeyHash.h"
+#include "values/ValueBuilder.h"
 
 namespace zembra {
 
@@ -326,22 +326,8 @@ const Value& Value::operator[](std::string_view key) const noexcept {
     return kNothing;
 }
 
-// As text, equality
+// Equality
 // ----------------------------------------------------------------------------------------------------
-
-std::string Value::text() const {
-    if (isString()) return std::string(*string());
-    if (isObject()) return object()->className();
-    std::string text;
-    if (!isNothing()) appendText(text, *this, TextStyle::json);
-    return text;
-}
-
-std::ostream& operator<<(std::ostream& stream, const Value& value) {
-    std::string text;
-    appendText(text, value, TextStyle::forPeople);
-    return stream << text;
-}
 
 namespace {
 

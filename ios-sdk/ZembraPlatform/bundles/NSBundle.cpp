@@ -6,9 +6,9 @@
 
 #include <ZembraPlatform/NSBundle.h>
 
-#include "FileContents.h"
-#include "MessageCatalogue.h"
-#include "NSPropertyList.h"
+#include "bundles/MessageCatalogue.h"
+#include "bundles/NSPropertyList.h"
+#include "system/FileContents.h"
 
 namespace zembra {
 

@@ -1,4 +1,4 @@
-#include "HTTPEngine.h"
+#include "http/HTTPEngine.h"
 
 #include <algorithm>
 #include <array>
@@ -19,7 +19,7 @@
 
 #include <ZembraPlatform/NSJSONSerialization.h>
 
-#include "TrustedCertificates.h"
+#include "http/TrustedCertificates.h"
 
 namespace zembra {
 

@@ -18,8 +18,8 @@
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 #include <ZembraPlatform/MainQueue.h>
 
-#include "HTTPEngine.h"
-#include "TrustedCertificates.h"
+#include "http/HTTPEngine.h"
+#include "http/TrustedCertificates.h"
 
 namespace zembra {
 

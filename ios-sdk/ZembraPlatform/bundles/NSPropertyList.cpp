@@ -1,4 +1,4 @@
-#include "NSPropertyList.h"
+#include "bundles/NSPropertyList.h"
 
 #include <chrono>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "FileContents.h"
+#include "system/FileContents.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "TrustedCertificates.h"
+#include "http/TrustedCertificates.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -9,7 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "FileContents.h"
+#include "system/FileContents.h"
 
 namespace zembra {
 

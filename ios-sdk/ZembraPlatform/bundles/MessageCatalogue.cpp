@@ -1,4 +1,4 @@
-#include "MessageCatalogue.h"
+#include "bundles/MessageCatalogue.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 #include <ZembraPlatform/NSString.h>
 
-#include "FileContents.h"
+#include "system/FileContents.h"
 
 namespace zembra {
 

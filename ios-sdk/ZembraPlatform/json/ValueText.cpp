@@ -1,13 +1,15 @@
+#include "json/ValueText.h"
+
 #include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <ostream>
 #include <string_view>
 
 #include <ZembraPlatform/NSString.h>
-#include <ZembraPlatform/ValueText.h>
 
 namespace zembra {
 
@@ -195,6 +197,20 @@ private:
 
 void appendText(std::string& text, const Value& value, TextStyle style) {
     Writer(text, style).write(value, 0);
+}
+
+std::string Value::text() const {
+    if (isString()) return std::string(*string());
+    if (isObject()) return object()->className();
+    std::string text;
+    if (!isNothing()) appendText(text, *this, TextStyle::json);
+    return text;
+}
+
+std::ostream& operator<<(std::ostream& stream, const Value& value) {
+    std::string text;
+    appendText(text, value, TextStyle::forPeople);
+    return stream << text;
 }
 
 }  // namespace zembra

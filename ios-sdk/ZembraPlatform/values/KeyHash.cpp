@@ -1,10 +1,10 @@
+#include "values/KeyHash.h"
+
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstring>
 #include <random>
-
-#include <ZembraPlatform/KeyHash.h>
 
 namespace zembra {
 

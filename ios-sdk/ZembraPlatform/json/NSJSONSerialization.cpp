@@ -13,11 +13,12 @@
 
 #include <simdjson.h>
 
-#include <ZembraPlatform/KeyHash.h>
 #include <ZembraPlatform/NSJSONSerialization.h>
 #include <ZembraPlatform/NSString.h>
-#include <ZembraPlatform/ValueBuilder.h>
-#include <ZembraPlatform/ValueText.h>
+
+#include "json/ValueText.h"
+#include "values/KeyHash.h"
+#include "values/ValueBuilder.h"
 
 namespace zembra {
 

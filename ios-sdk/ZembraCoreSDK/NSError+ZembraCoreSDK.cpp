@@ -1,3 +1,5 @@
+// The error catalogue and the mapping of the HTTP client's failures; any thread.
+
 #include <utility>
 #include <vector>
 
@@ -13,8 +15,8 @@ const char ZMBSDKErrorDomainAuth[] = "ZMBSDKErrorDomainAuth";
 const char kZMBSDKErrorInfoKey[] = "error message";
 }
 
-Value authErrorUserInfo(const NSBundle& bundle, std::optional<std::string_view> messageKey,
-                        const Value& userInfo) {
+Value detail::authErrorUserInfo(const NSBundle& bundle, std::optional<std::string_view> messageKey,
+                                const Value& userInfo) {
     const auto added = userInfo.entries();
     std::vector<Value::Entry> entries;
     entries.reserve(1 + added.size());

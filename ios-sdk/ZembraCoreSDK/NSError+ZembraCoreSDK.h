@@ -1,5 +1,8 @@
 #pragma once
 
+// The SDK's error catalogue and the mapping of the HTTP client's failures onto it, for hosts and modules; any
+// thread.
+
 #include <concepts>
 #include <memory>
 #include <optional>
@@ -12,8 +15,9 @@
 ///
 /// The message is looked up in the bundle of the error's class, so it is the host's or the module's to give:
 /// derive a class from `NSError`, state its bundle with `ZMB_BUNDLE` and name the class in angle brackets
-/// (`sdkAuthServerSideError<MyError>()`). Where that bundle has no text, as for plain `NSError`, the message
-/// is its key, such as "server_error".
+/// (`sdkAuthServerSideError<MyError>()`). Where that bundle has no text, the message is its key, such as
+/// "server_error". So it is for plain `NSError`, whose bundle is the platform's and has none of the five
+/// keys, whatever texts the host's own bundle holds.
 ///
 /// All functions are free of state, never fail and may be called from any thread; the caller owns what they
 /// return.
@@ -33,11 +37,15 @@ enum ZMBSDKErrorCode : NSInteger {
     ZMBSDKErrorServerSide = 3,        ///< The platform answered with something that cannot be used.
 };
 
-/// User information with the message that `bundle` has for `messageKey` (an absent key gives the empty text),
-/// then the entries of `userInfo`, which win. What `authErrorWithCode` is made from.
+namespace detail {
+
+/// The user information of an SDK error: the message that `bundle` has for `messageKey` (an absent key gives
+/// the empty text), then the entries of `userInfo`, which win.
 [[nodiscard]] ZEMBRA_EXPORT Value authErrorUserInfo(const NSBundle& bundle,
                                                     std::optional<std::string_view> messageKey,
                                                     const Value& userInfo);
+
+}  // namespace detail
 
 /// An SDK error of class `Error` with any code. `userInfo` is a dictionary or nothing; its entries, one under
 /// `kZMBSDKErrorInfoKey` included, win over the looked-up message.
@@ -47,7 +55,7 @@ template <std::derived_from<NSError> Error = NSError>
                                                        const Value& userInfo = {}) {
     return NSError::errorWithDomain<Error>(
         ZMBSDKErrorDomainAuth, code,
-        authErrorUserInfo(*NSBundle::bundleForClass<Error>(), messageKey, userInfo));
+        detail::authErrorUserInfo(*NSBundle::bundleForClass<Error>(), messageKey, userInfo));
 }
 
 template <std::derived_from<NSError> Error = NSError>

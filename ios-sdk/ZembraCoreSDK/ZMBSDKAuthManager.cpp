@@ -1,4 +1,8 @@
+// The shared manager: its once-only set-up, the app token exchange and the member token refresh. It is used
+// on the thread that drains the main queue.
+
 #include <mutex>
+#include <utility>
 
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
@@ -17,6 +21,7 @@ namespace {
 
 constexpr NSTimeInterval kTimeout{2.0};
 constexpr const char* kAbsentText = "(null)";
+constexpr const char* kAuthorization = "Authorization";
 
 /// Makes every request of `client` as the platform expects it.
 void configureClient(AFHTTPSessionManager& client) {
@@ -40,7 +45,26 @@ bool hasLengthZero(const Value& value) {
     return value.isNothing() || (string && string->empty());
 }
 
-/// For a callback that the caller left out: that is the caller's mistake, but never a crash.
+/// A form's field, which is a string: any other value is sent as its text, and nothing leaves the field out.
+Value fieldOf(const Value& value) {
+    return value.isNothing() ? Value() : Value(value.text());
+}
+
+/// Issues a request through the client that `manager` has now; without one, `failure` gets its error at once.
+void post(const ZMBSDKAuthManager& manager, std::string_view path, const Value& parameters,
+          AFHTTPSessionManager::Success success, const ZMBSDKAuthManager::Failure& failure) {
+    const auto client = manager.authClient();
+    if (!client) {
+        failure(sdkAuthWrongInformationError());
+        return;
+    }
+    client->POST(path, parameters, nullptr, std::move(success),
+                 [failure](const AFHTTPSessionManager::Task&, const NSErrorPtr& error) {
+                     failure(ZMBAuthError(error));
+                 });
+}
+
+/// Callbacks are mandatory; one that the caller left out is replaced by one that does nothing.
 template <class... Arguments>
 void replaceIfAbsent(std::function<void(Arguments...)>& callback) {
     if (!callback) callback = [](Arguments...) {};
@@ -55,10 +79,11 @@ std::shared_ptr<ZMBSDKAuthManager> ZMBSDKAuthManager::sharedInstance(
     static std::once_flag once;
     static auto* const slot = new std::shared_ptr<ZMBSDKAuthManager>;  // never destroyed
     std::call_once(once, [&] {
-        *slot = create();
-        ZMBSDKAuthManager& manager = **slot;
-        manager.setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString(cmsAPIHost())));
-        if (const auto client = manager.authClient()) configureClient(*client);
+        auto manager = create();
+        manager->setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString(cmsAPIHost())));
+        if (const auto client = manager->authClient()) configureClient(*client);
+        *slot = std::move(
+            manager);  // last: where one of these throws, nothing stays and the next call starts anew
     });
     return *slot;
 }
@@ -80,17 +105,17 @@ void ZMBSDKAuthManager::getAuthTokenSuccess(TokenSuccess success, Failure failur
     replaceIfAbsent(failure);
     const Value bundleIdentifier =
         NSBundle::mainBundle()->objectForInfoDictionaryKey(ZMBSDKBundleIdentifierKey);
-    const auto client = authClient();
-    if (bundleIdentifier.isNothing() || isClientIdInvalid() || !client) {
+    if (bundleIdentifier.isNothing() || isClientIdInvalid()) {
         failure(sdkAuthWrongInformationError());
         return;
     }
-    const Value parameters = Value::dictionary({{"client_id", clientId()}, {"signature", bundleIdentifier}});
+    const Value parameters =
+        Value::dictionary({{"client_id", fieldOf(clientId())}, {"signature", fieldOf(bundleIdentifier)}});
 
     // The manager may be gone when the answer comes, or go while it is handled: each step looks for it anew.
     const std::weak_ptr<ZMBSDKAuthManager> weakSelf = weak_from_this();
-    client->POST(
-        "app/token", parameters, nullptr,
+    post(
+        *this, "app/token", parameters,
         [weakSelf, success = std::move(success), failure](const AFHTTPSessionManager::Task&,
                                                           const Value& response) {
             if (const auto self = weakSelf.lock()) self->setToken(response["token"]);
@@ -106,9 +131,7 @@ void ZMBSDKAuthManager::getAuthTokenSuccess(TokenSuccess success, Failure failur
             else
                 success(accountId, token);
         },
-        [failure](const AFHTTPSessionManager::Task&, const NSErrorPtr& error) {
-            failure(ZMBAuthError(error));
-        });
+        failure);
 }
 
 void ZMBSDKAuthManager::setBearerToken(const Value& token) {
@@ -116,7 +139,7 @@ void ZMBSDKAuthManager::setBearerToken(const Value& token) {
     if (!client) return;
     client->requestSerializer().setValue(
         token.isNothing() ? std::nullopt : std::optional<std::string>("Bearer " + token.text()),
-        "Authorization");
+        kAuthorization);
 }
 
 NSErrorPtr ZMBSDKAuthManager::notAllowRefreshError() const {
@@ -138,22 +161,31 @@ void ZMBSDKAuthManager::refreshMemberToken(std::string refreshToken, RefreshSucc
         failure(sdkAuthWrongInformationError());
         return;
     }
-    // The client takes a request's headers during POST, so that this request carries the bearer value and
-    // none after it does.
-    setBearerToken(token());
-    client->POST(
-        "app/members/token", Value::dictionary({{"refresh_token", refreshToken}}), nullptr,
-        [success = std::move(success), failure](const AFHTTPSessionManager::Task&, const Value& response) {
-            const Value& memberToken = response["token"];
-            if (memberToken.isNothing())
-                failure(sdkAuthServerSideError());
-            else
-                success(memberToken);
-        },
-        [failure](const AFHTTPSessionManager::Task&, const NSErrorPtr& error) {
-            failure(ZMBAuthError(error));
-        });
-    setBearerToken({});
+    // The client takes a request's headers during POST, so this request carries the bearer value and none
+    // after it does. The value goes from the client that got it, too, if a callback or an override has put
+    // another in place.
+    const auto removeBearerToken = [&] {
+        client->requestSerializer().setValue(std::nullopt, kAuthorization);
+        setBearerToken({});
+    };
+    try {
+        setBearerToken(token());
+        post(
+            *this, "app/members/token", Value::dictionary({{"refresh_token", refreshToken}}),
+            [success = std::move(success), failure](const AFHTTPSessionManager::Task&,
+                                                    const Value& response) {
+                const Value& memberToken = response["token"];
+                if (memberToken.isNothing())
+                    failure(sdkAuthServerSideError());
+                else
+                    success(memberToken);
+            },
+            failure);
+    } catch (...) {
+        removeBearerToken();
+        throw;
+    }
+    removeBearerToken();
 }
 
 }  // namespace zembra

@@ -1,5 +1,8 @@
 #pragma once
 
+// The shared manager, which hosts and sibling modules ask for the credentials and for a member token refresh,
+// on the thread that drains the main queue.
+
 #include <concepts>
 #include <functional>
 #include <memory>
@@ -26,6 +29,11 @@ extern "C" ZEMBRA_EXPORT const char ZMBSDKBundleIdentifierKey[];
 /// There is one shared manager. Its fields and operations are not locked: use them on the thread that drains
 /// the main queue, where the answers arrive too. Only `sharedManager` may be called from any thread.
 ///
+/// A callback that throws: one that runs before the call returns throws out of the call; one that runs later
+/// throws out of the completion queue's task, so on the main queue out of `drain` or `run…`, which may be
+/// called again. The credentials are stored by then. On a completion queue that runs tasks on the client's
+/// own thread, it ends the process.
+///
 /// A host derives from the class to reach another server (`cmsAPIHost`) or to put its own version of an
 /// operation in place; the SDK goes through the virtual operations, never to the fields.
 class ZEMBRA_EXPORT ZMBSDKAuthManager : public NSObject,
@@ -40,8 +48,8 @@ public:
     /// The one shared manager. The first call in the process makes it, as a `Manager`, with an HTTP client
     /// for `Manager::cmsAPIHost()`; later calls give that instance, whatever class they name, so a host with
     /// a class of its own calls `sharedManager<MyManager>()` before anything else. Callers that arrive
-    /// meanwhile wait; a `cmsAPIHost` that calls back here waits for ever. The instance lives until the
-    /// process ends.
+    /// meanwhile wait; a `cmsAPIHost` that calls back here waits for ever. What `cmsAPIHost` or a constructor
+    /// throws reaches the caller, and the next call starts anew. The instance lives until the process ends.
     template <std::derived_from<ZMBSDKAuthManager> Manager = ZMBSDKAuthManager>
     [[nodiscard]] static std::shared_ptr<ZMBSDKAuthManager> sharedManager() {
         return sharedInstance(
@@ -87,7 +95,8 @@ public:
     /// account identifier and token, the one that it lacks by nothing; with both, `success` gets them as they
     /// stand in the manager then, else `failure` gets `sdkAuthServerSideError`. A failed request leaves both
     /// as they were; `failure` gets what `ZMBAuthError` makes of it. Null and the empty string count as
-    /// present. The request does not keep the manager alive.
+    /// present. The request does not keep the manager alive. Identifiers that are no strings are sent as
+    /// their text.
     virtual void getAuthTokenSuccess(TokenSuccess success, Failure failure);
 
     /// Makes the HTTP client's requests from now on carry "Authorization: Bearer " and the token's text;
@@ -109,8 +118,8 @@ public:
     /// to live on.
     ///
     /// The request carries the app token as its bearer value; when the call returns, the client has no bearer
-    /// value, whoever had set one. Overlapping calls from two threads can take each other's bearer value
-    /// away.
+    /// value, whoever had set one, also when it throws. Overlapping calls from two threads can take each
+    /// other's bearer value away.
     virtual void refreshMemberToken(std::string refreshToken, RefreshSuccess success, Failure failure);
 
 private:

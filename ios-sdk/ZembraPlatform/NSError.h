@@ -1,14 +1,19 @@
 #pragma once
 
+// Error objects: what failure callbacks get everywhere, and how they print; any thread.
+
 #include <concepts>
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include <ZembraPlatform/Value.h>
 
 namespace zembra {
+
+class NSBundle;
 
 /// The key of an error's user information under which the error that caused it stands.
 extern "C" ZEMBRA_EXPORT const char NSUnderlyingErrorKey[];
@@ -43,7 +48,13 @@ public:
     /// The text under `NSLocalizedDescriptionKey`, else one made of domain and code. Never empty.
     [[nodiscard]] std::string localizedDescription() const;
 
-    /// For people: `NSURLErrorDomain -1001 "The request timed out."`, the underlying error behind it if any.
+    /// The bundle of plain errors: the platform's own, never the host's. It has no texts.
+    [[nodiscard]] static std::shared_ptr<NSBundle> zembraBundle(std::type_identity<NSError>);
+
+    /// For people, on one line: domain and code, every text of the user information (the one under
+    /// `NSLocalizedDescriptionKey` first and without its key), and then likewise the chain of underlying
+    /// errors: `NSURLErrorDomain -1001 "The request timed out."`. It shows whatever texts stand there: put no
+    /// secrets in.
     ZEMBRA_EXPORT friend std::ostream& operator<<(std::ostream& stream, const NSError& error);
 
 private:

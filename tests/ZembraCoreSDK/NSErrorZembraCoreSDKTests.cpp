@@ -1,3 +1,7 @@
+// The error catalogue and the mapping of failures, as tables.
+
+#include <tuple>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -52,6 +56,20 @@ TEST(ErrorFactory, UsesTheClassAndTheBundleOfTheReceivingType) {
     EXPECT_THAT(error, IsAuthError(3, "the module's server_error"));
     // A bundle is stated by each class for itself.
     EXPECT_THAT(sdkAuthServerSideError<DerivedModuleError>(), IsAuthError(3, "server_error"));
+}
+
+TEST(ErrorFactory, PlainErrorsTakeNoTextFromTheHost) {
+    NSBundle::setMainBundle(std::make_shared<ModuleBundle>());
+    const std::tuple<NSErrorPtr, NSInteger, const char*> rows[] = {
+        {sdkAuthNetworkError(makeError("cause")), 0, "network_error"},
+        {sdkAuthWrongInformationError(), 1, "wrong_information"},
+        {sdkAuthUnauthorizedError(), 2, "app_unauthorized_error"},
+        {sdkAuthServerSideError(), 3, "server_error"},
+        {ZMBCoreErrorWithResponse(nullptr, 500), 3, "internal_error"},
+        {sdkAuthServerSideError<DerivedModuleError>(), 3, "the module's server_error"},  // it has no bundle
+    };
+    for (const auto& [error, code, message] : rows)
+        EXPECT_THAT(error, IsAuthError(code, message));
 }
 
 TEST(ErrorMapping, TriesItsRowsInOrder) {

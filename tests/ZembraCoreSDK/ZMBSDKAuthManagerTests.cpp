@@ -4,6 +4,7 @@
 #include <atomic>
 #include <barrier>
 #include <chrono>
+#include <concepts>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -21,7 +22,6 @@
 #include <ZembraPlatform/NSJSONSerialization.h>
 #include <ZembraPlatform/UIDevice.h>
 
-#include "support/ClientFaults.h"
 #include "support/ErrorMatchers.h"
 #include "support/SandboxManager.h"
 
@@ -52,7 +52,7 @@ using Values = std::vector<Value>;
 const std::thread::id kMainThread = std::this_thread::get_id();
 
 /// What the callbacks of one call have received.
-struct Outcome {
+struct Received {
     int callbacks = 0;
     NSErrorPtr error;
     Values values;
@@ -60,10 +60,10 @@ struct Outcome {
     void take(const NSErrorPtr& received) { error = received; }
     void take(const Value& received) { values.push_back(received); }
 };
-using OutcomePtr = std::shared_ptr<Outcome>;
+using ReceivedPtr = std::shared_ptr<Received>;
 
 /// A callback of any kind.
-auto callback(const OutcomePtr& outcome) {
+auto callback(const ReceivedPtr& outcome) {
     return [outcome](const auto&... received) {
         EXPECT_EQ(std::this_thread::get_id(), kMainThread);
         ++outcome->callbacks;
@@ -71,20 +71,20 @@ auto callback(const OutcomePtr& outcome) {
     };
 }
 
-OutcomePtr startExchange(ZMBSDKAuthManager& manager) {
-    auto outcome = std::make_shared<Outcome>();
+ReceivedPtr startExchange(ZMBSDKAuthManager& manager) {
+    auto outcome = std::make_shared<Received>();
     manager.getAuthTokenSuccess(callback(outcome), callback(outcome));
     return outcome;
 }
 
-OutcomePtr startRefresh(ZMBSDKAuthManager& manager, std::string refreshToken = "sandbox.member") {
-    auto outcome = std::make_shared<Outcome>();
+ReceivedPtr startRefresh(ZMBSDKAuthManager& manager, std::string refreshToken = "sandbox.member") {
+    auto outcome = std::make_shared<Received>();
     manager.refreshMemberToken(std::move(refreshToken), callback(outcome), callback(outcome));
     return outcome;
 }
 
 /// Drains the main queue until the call has its outcome, and then all that is still to come.
-Outcome await(const OutcomePtr& outcome) {
+Received await(const ReceivedPtr& outcome) {
     EXPECT_TRUE(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
     MainQueue::shared().drain();
     EXPECT_EQ(outcome->callbacks, 1);
@@ -121,7 +121,7 @@ protected:
 
 TEST_F(ExchangeTest, ConfiguringRegistersTheHost) {
     setHostBundle("client & söhne+1", "com.example/host?");
-    const auto outcome = std::make_shared<Outcome>();
+    const auto outcome = std::make_shared<Received>();
     ZMBApplication::configureApplication(callback(outcome));
     EXPECT_THAT(await(outcome).error, none);
     const Exchange exchange = server.exchanges().front();
@@ -139,6 +139,7 @@ TEST_F(ExchangeTest, ConfiguringRegistersTheHost) {
     ZMBApplication::configureApplication(nullptr);  // no crash
     EXPECT_THAT(outcome->values, ElementsAre(Value(true), Value(false))) << "before the call returns";
     EXPECT_THAT(outcome->error, wrong);
+    static_assert(std::derived_from<ZMBApplication, NSObject>);
 }
 
 TEST_F(ExchangeTest, CallsAreRefusedBeforeTheyReturnWithoutWhatTheyNeed) {
@@ -160,11 +161,11 @@ TEST_F(ExchangeTest, CallsAreRefusedBeforeTheyReturnWithoutWhatTheyNeed) {
         setHostBundle(clientId, bundleIdentifier);
         manager->setToken(token);
         manager->setBearerToken("someone's");
-        const OutcomePtr refresh = startRefresh(*manager);
+        const ReceivedPtr refresh = startRefresh(*manager);
         EXPECT_THAT(refresh->error, ofRefresh);
         EXPECT_EQ(authorization(), refresh->error ? std::optional("Bearer someone's") : std::nullopt);
         await(refresh);
-        const OutcomePtr exchange = startExchange(*manager);
+        const ReceivedPtr exchange = startExchange(*manager);
         EXPECT_THAT(exchange->error, ofExchange);
         EXPECT_EQ(manager->token(), token);
         if (exchange->error) continue;
@@ -219,26 +220,6 @@ TEST_F(ExchangeTest, BearerTokensSetAndRemoveTheHeader) {
     EXPECT_EQ(authorization(), "Bearer null");
 }
 
-TEST_F(ExchangeTest, RefreshesCarryTheAppTokenOfTheirOwnCallAndNothingElseDoes) {
-    const std::string first = await(startExchange(*manager)).values.at(1).text();
-    const std::string second = await(startExchange(*manager)).values.at(1).text();
-    ASSERT_NE(first, second);
-    manager->setBearerToken("of the host's own");
-    std::vector<OutcomePtr> outcomes;
-    for (const std::string& token : {first, second}) {
-        manager->setToken(token);
-        outcomes.push_back(startRefresh(*manager));
-        outcomes.push_back(startExchange(*manager));
-    }
-    for (const auto& outcome : outcomes)
-        EXPECT_THAT(await(outcome).error, none);
-    std::vector<std::string> sent;
-    for (const Exchange& exchange : server.exchanges())
-        sent.push_back(exchange.target + ' ' + exchange.header("Authorization").value_or("none"));
-    const std::string plain = "/api/v1/app/token none", refresh = "/api/v1/app/members/token Bearer ";
-    EXPECT_THAT(sent, UnorderedElementsAre(plain, plain, plain, plain, refresh + first, refresh + second));
-}
-
 TEST_F(ExchangeTest, RefreshTokensOfAnyBytesArriveUnchanged) {
     await(startExchange(*manager));
     for (const std::string& refreshToken : {""s, "line\r\nbreak \xFF\0 & more"s}) {
@@ -247,30 +228,20 @@ TEST_F(ExchangeTest, RefreshTokensOfAnyBytesArriveUnchanged) {
     }
 }
 
-TEST_F(ExchangeTest, AppTokenThatNoHeaderCanCarryFailsOnceAndSendsNothing) {
-    for (const char* token : {"a\r\nX-Evil: 1", "a\nb", "a\x7F"}) {
-        manager->setToken(token);
-        const NSErrorPtr error = await(startRefresh(*manager)).error;
-        ASSERT_THAT(error, IsError(AFHTTPSessionErrorDomain, AFHTTPSessionErrorInvalidHeader));
-        EXPECT_THAT(error->localizedDescription(), AllOf(HasSubstr("Authorization"), Not(HasSubstr(token))));
-        EXPECT_EQ(authorization(), std::nullopt);
-    }
-    EXPECT_EQ(server.exchangeCount(), 0u);
-    EXPECT_THAT(await(startExchange(*manager)).error, none) << "the client is as good as before";
-}
-
-TEST_F(ExchangeTest, ReadsListedEnvironmentVariablesAndWritesNoFile) {
+TEST(Environment, OnlyListedVariablesAreReadAndNoFileIsWritten) {
+    const sandbox::SandboxServer server;
+    setHostBundle("sandbox.unauthorized", "com.example.host");
+    askedCount = 0;
+    const auto manager = sharedManagerAt(server.baseAddress(), server.certificateAuthority());
     // Writing to a regular file would end the process: SIGXFSZ.
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlimit nothing{0, limit.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &nothing), 0);
-    askedCount = 0;
-    setHostBundle("sandbox.unauthorized", "com.example.host");
-    const Outcome outcome = await(startExchange(*manager));
+    const Received exchange = await(startExchange(*manager));
     const std::vector<std::string> names(asked, asked + std::min(askedCount.load(), std::size(asked)));
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
-    EXPECT_THAT(outcome.error, unauthorized);
+    EXPECT_THAT(exchange.error, IsAuthError(2, "app_unauthorized_error"));
     EXPECT_THAT(names, Each(AnyOf("LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG", "https_proxy", "HTTPS_PROXY",
                                   "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY", "SSLKEYLOGFILE",
                                   "SIMDJSON_FORCE_IMPLEMENTATION")));
@@ -305,22 +276,24 @@ TEST_F(ExchangeTest, EveryOutcomeIsTold) {
             manager->setToken(appToken);
             manager->setAccountId(account);
             manager->setBearerToken("of the host's own");
-            const Outcome refresh = await(startRefresh(*manager, "sandbox." + name));
+            const Received refresh = await(startRefresh(*manager, "sandbox." + name));
             EXPECT_THAT(refresh.error, ofRefresh);
             EXPECT_EQ(refresh.values, refresh.error ? Values() : Values{answered("token")});
             EXPECT_EQ(manager->token(), appToken);
             EXPECT_EQ(manager->accountId(), account);
             EXPECT_EQ(authorization(), std::nullopt);
+            EXPECT_EQ(server.exchanges().back().header("Authorization"), "Bearer " + appToken.text());
 
             manager->setBearerToken("of the host's own");
             setHostBundle("sandbox." + name, "com.example.host");
-            const Outcome exchange = await(startExchange(*manager));
+            const Received exchange = await(startExchange(*manager));
             EXPECT_THAT(exchange.error, ofExchange);
             const Values stored{manager->accountId(), manager->token()};
             EXPECT_EQ(exchange.values, exchange.error ? Values() : stored);
             EXPECT_EQ(stored, isStored ? Values({answered("account_id"), answered("token")})
                                        : Values({account, appToken}));
             EXPECT_EQ(authorization(), "Bearer of the host's own") << "left alone";
+            EXPECT_EQ(server.exchanges().back().header("Authorization"), authorization());
             if (name == "null-token" || name == "empty-token") {
                 const Value token = name == "null-token" ? Value::null() : Value("");
                 EXPECT_THAT(refresh.values, ElementsAre(token));
@@ -356,7 +329,7 @@ TEST_F(ExchangeTest, RequestsDoNotKeepTheManagerAlive) {
     auto own = std::make_shared<ZMBSDKAuthManager>();
     own->setAuthClient(manager->authClient());
     await(startExchange(*own));
-    const OutcomePtr exchange = startExchange(*own), refresh = startRefresh(*own);
+    const ReceivedPtr exchange = startExchange(*own), refresh = startRefresh(*own);
     const std::weak_ptr<ZMBSDKAuthManager> weak = own;
     own.reset();
     EXPECT_TRUE(weak.expired());
@@ -364,30 +337,59 @@ TEST_F(ExchangeTest, RequestsDoNotKeepTheManagerAlive) {
     EXPECT_THAT(await(refresh).error, none);
 }
 
-TEST_F(ExchangeTest, AThousandExchangesInFlightEachEndOnce) {
-    manager->getAuthTokenSuccess(nullptr, nullptr);  // no crash
-    std::vector<OutcomePtr> outcomes;
-    for (int i = 0; i < 1000; ++i)
-        outcomes.push_back(startExchange(*manager));
-    for (const auto& outcome : outcomes)
-        EXPECT_THAT(await(outcome).error, none);
-    EXPECT_EQ(server.exchangeCount(), 1001u);
+TEST_F(ExchangeTest, CallbacksMayThrowAndMayBeLeftOut) {
+    const auto throws = [](const auto&...) { throw 1; };
+    manager->getAuthTokenSuccess(throws, nullptr);
+    EXPECT_THROW(MainQueue::shared().runFor(30s), int);
+    EXPECT_TRUE(manager->token().isString()) << "stored before";
+    manager->refreshMemberToken("sandbox.member", nullptr, nullptr);
+    manager->getAuthTokenSuccess(nullptr, nullptr);
+    await(startExchange(*manager));  // the queue survives
+    ASSERT_TRUE(server.waitForExchanges(4, 30s));
+    setHostBundle("", "com.example.host");
+    EXPECT_THROW(manager->getAuthTokenSuccess(nullptr, throws), int);
+    EXPECT_THROW(manager->refreshMemberToken("sandbox.member", nullptr, throws), int);
 }
 
-// Everything that the HTTP client can report comes out of the mapping as an error of some kind.
-TEST(ExchangeFault, NoneIsLostInTheMapping) {
-    for (const ClientFault& fault : clientFaults()) {
-        SCOPED_TRACE(fault.name);
-        const NSErrorPtr mapped = ZMBAuthError(fault.provoke());
-        ASSERT_NE(mapped, nullptr);
-        if (fault.domain == NSURLErrorDomain) {
-            EXPECT_THAT(mapped, IsAuthError(0, "network_error"));
-            EXPECT_THAT(mapped->userInfo()[NSUnderlyingErrorKey].as<NSError>(),
-                        IsError(fault.domain, fault.code));
-        } else if (fault.code == AFHTTPSessionErrorUnacceptableContentType) {
-            EXPECT_THAT(mapped, IsAuthError(3, "internal_error"));
-        }
+/// A host's own client, which sends nothing.
+class HostClient : public AFHTTPSessionManager {
+public:
+    HostClient() : AFHTTPSessionManager(NSURL::URLWithString("")) {}
+    MOCK_METHOD(Task, POST, (std::string_view, const Value&, Progress, Success, Failure), (override));
+
+    std::optional<std::string> authorization() {
+        return requestSerializer().valueForHTTPHeaderField("Authorization");
     }
+};
+
+TEST(HostsOwnClient, IsAskedWhenTheRequestIsIssuedAndKeepsNoBearerValue) {
+    const auto first = std::make_shared<StrictMock<HostClient>>();
+    const auto second = std::make_shared<StrictMock<HostClient>>();
+    const auto manager = std::make_shared<ZMBSDKAuthManager>();
+    const auto replaceClient = [&] { manager->setAuthClient(second); };
+
+    manager->setAuthClient(first);
+    const auto bundle = std::make_shared<NiceMock<HostBundle>>();
+    ON_CALL(*bundle, objectForInfoDictionaryKey).WillByDefault([&](auto) {
+        return replaceClient(), Value(42);
+    });
+    NSBundle::setMainBundle(bundle);
+    const Value texts = Value::dictionary({{"client_id", "42"}, {"signature", "42"}});
+    EXPECT_CALL(*second, POST("app/token", texts, _, _, _));
+    startExchange(*manager);
+
+    setHostBundle("client", "host");
+    manager->setToken("app-token");
+    manager->setAuthClient(first);
+    EXPECT_CALL(*first, POST).WillOnce([&](auto&&...) {
+        EXPECT_EQ(first->authorization(), "Bearer app-token");
+        return replaceClient(), nullptr;
+    });
+    startRefresh(*manager);
+    EXPECT_EQ(first->authorization(), std::nullopt) << "though it was replaced";
+    EXPECT_CALL(*second, POST).WillOnce(Throw(1));
+    EXPECT_THROW(startRefresh(*manager), int);
+    EXPECT_EQ(second->authorization(), std::nullopt);
 }
 
 // The shared manager
@@ -428,6 +430,22 @@ TEST(SharedManager, HasTheTypeOfTheFirstCall) {
     EXPECT_EQ(ZMBSDKAuthManager::sharedManager(), manager);
     EXPECT_EQ(manager->authClient()->requestSerializer().valueForHTTPHeaderField("User-Agent"), std::nullopt)
         << "removed, not made, where the client has none";
+}
+
+/// Its endpoint cannot be told.
+class UndecidedManager : public ZMBSDKAuthManager {
+public:
+    UndecidedManager() { ++count; }
+    ~UndecidedManager() override { --count; }
+    static std::string cmsAPIHost() { throw 1; }
+
+    static inline int count = 0;
+};
+
+TEST(SharedManager, IsMadeAnewAfterAnEndpointThatThrew) {
+    EXPECT_THROW((void)ZMBSDKAuthManager::sharedManager<UndecidedManager>(), int);
+    EXPECT_EQ(UndecidedManager::count, 0) << "no half-made one stays";
+    EXPECT_NE(ZMBSDKAuthManager::sharedManager()->authClient(), nullptr);
 }
 
 TEST(VersionSymbols, KeepTheirValues) {

@@ -27,15 +27,16 @@ TEST(NSString, CountsUTF16UnitsAndTellsWellFormedText) {
     EXPECT_EQ(lengthOfString({"a\0größe€😀", 16}), 10u);
 }
 
-TEST(NSError, PrintsItselfAndItsCauses) {
-    const auto infoOf = [](const char* description, const NSErrorPtr& cause) {
-        return Value::dictionary({{NSLocalizedDescriptionKey, description}, {NSUnderlyingErrorKey, cause}});
-    };
+TEST(NSError, PrintsItsTextsAndItsCauses) {
     const NSErrorPtr bare = NSError::errorWithDomain("a", -2);
-    const NSErrorPtr empty = NSError::errorWithDomain("b", 0, infoOf("", bare));
-    EXPECT_EQ(testing::PrintToString(NSError("c", 1, infoOf("It broke.", empty))),
-              "c 1 \"It broke.\", caused by b 0 \"The operation could not be completed (b, code 0).\""
-              ", caused by a -2 \"The operation could not be completed (a, code -2).\"");
+    const NSErrorPtr message = NSError::errorWithDomain(
+        "b", 0,
+        Value::dictionary({{"message", "line\nbreak"}, {"attempt", 2}, {NSUnderlyingErrorKey, bare}}));
+    const Value info = Value::dictionary(
+        {{"hint", "Mend it."}, {NSLocalizedDescriptionKey, "It broke."}, {NSUnderlyingErrorKey, message}});
+    EXPECT_EQ(testing::PrintToString(NSError("c", 1, info)),
+              R"(c 1 "It broke.", "hint": "Mend it.", caused by b 0, "message": "line\nbreak", caused by a -2)");
+    EXPECT_EQ(bare->localizedDescription(), "The operation could not be completed (a, code -2).");
     EXPECT_TRUE(NSError("d", 1, "text").userInfo().isNothing());
     EXPECT_TRUE(NSError("d", 1, Value::dictionary({})).userInfo().isDictionary());
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+// The shared manager and the main bundle of a test, which talk to the test's own server.
+
 #include <memory>
 #include <string>
 
@@ -9,8 +11,8 @@
 
 namespace zembra::test {
 
-/// A manager that talks to another server than the platform's.
-class ElsewhereManager : public ZMBSDKAuthManager {
+/// A manager that talks to a sandbox server.
+class SandboxManager : public ZMBSDKAuthManager {
 public:
     static std::string cmsAPIHost() { return address; }
 
@@ -20,8 +22,8 @@ public:
 /// Makes the process's shared manager talk to `address`, trusting that authority.
 inline std::shared_ptr<ZMBSDKAuthManager> sharedManagerAt(const std::string& address,
                                                           const std::string& authority) {
-    ElsewhereManager::address = address;
-    auto manager = ZMBSDKAuthManager::sharedManager<ElsewhereManager>();
+    SandboxManager::address = address;
+    auto manager = ZMBSDKAuthManager::sharedManager<SandboxManager>();
     manager->authClient()->addTrustedCertificateAuthority(authority);
     return manager;
 }

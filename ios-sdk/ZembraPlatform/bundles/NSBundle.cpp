@@ -1,3 +1,5 @@
+// Bundles: the host's main bundle from its files, info dictionaries, and the lookup of messages; any thread.
+
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -114,6 +116,11 @@ std::shared_ptr<NSBundle> NSBundle::bundleWithInfoFile(const std::filesystem::pa
 }
 
 NSBundle::~NSBundle() = default;
+
+std::shared_ptr<NSBundle> NSError::zembraBundle(std::type_identity<NSError>) {
+    static const auto* const bundle = new std::shared_ptr<NSBundle>(std::make_shared<NSBundle>(Value()));
+    return *bundle;  // never destroyed: errors are made until the process has ended
+}
 
 Value NSBundle::objectForInfoDictionaryKey(std::string_view key) const {
     return infoDictionary_[key];

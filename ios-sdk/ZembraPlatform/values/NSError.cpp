@@ -1,3 +1,5 @@
+// Error objects and their printed form; any thread.
+
 #include <ostream>
 
 #include <ZembraPlatform/NSError.h>
@@ -22,15 +24,28 @@ std::string NSError::localizedDescription() const {
     return "The operation could not be completed (" + domain() + ", code " + std::to_string(code()) + ").";
 }
 
+namespace {
+
+/// Prints an error without its chain. Keys and texts are printed as JSON: quoted, control characters escaped.
+void print(std::ostream& stream, const NSError& error) {
+    stream << error.domain() << ' ' << error.code();
+    const Value& userInfo = error.userInfo();
+    if (const Value& description = userInfo[NSLocalizedDescriptionKey]; description.isString())
+        stream << ' ' << description;
+    for (const auto& [key, value] : userInfo.entries())
+        if (value.isString() && key != NSLocalizedDescriptionKey) stream << ", " << key << ": " << value;
+}
+
+}  // namespace
+
 std::ostream& operator<<(std::ostream& stream, const NSError& error) {
-    stream << error.domain() << ' ' << error.code() << " \"" << error.localizedDescription() << '"';
-    // User information may hold any error, so also one that leads back here: the chain is cut, not followed
-    // for ever.
+    print(stream, error);
+    // An error's user information may hold any error, also one that leads back here: the chain is cut after
+    // some links.
     constexpr int kLongestChain = 8;
     auto underlying = error.userInfo()[NSUnderlyingErrorKey].as<NSError>();
     for (int link = 0; underlying && link < kLongestChain; ++link) {
-        stream << ", caused by " << underlying->domain() << ' ' << underlying->code() << " \""
-               << underlying->localizedDescription() << '"';
+        print(stream << ", caused by ", *underlying);
         underlying = underlying->userInfo()[NSUnderlyingErrorKey].as<NSError>();
     }
     return stream;

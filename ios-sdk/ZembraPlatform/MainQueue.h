@@ -1,5 +1,7 @@
 #pragma once
 
+// The main queue, on which callbacks are delivered; the host drains it on the thread that it calls main.
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -12,7 +14,9 @@ namespace zembra {
 /// that it calls its main thread; callbacks run there and nowhere else.
 ///
 /// `post`, `stop` and `pendingCount` may be called from any thread. The draining operations are for one
-/// thread at a time. No lock is held while a task runs; a task may post, drain or stop.
+/// thread at a time. No lock is held while a task runs; a task may post, drain or stop. What a task throws
+/// leaves the draining operation; the task is gone, the others still wait, and the queue may be drained
+/// again.
 class ZEMBRA_EXPORT MainQueue {
 public:
     using Task = std::function<void()>;

@@ -1,7 +1,11 @@
+// The main queue alone, on its draining thread and beside others.
+
+#include <atomic>
 #include <chrono>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -87,21 +91,28 @@ TEST_F(MainQueueTest, RunsEndWithAStopTheirConditionOrTheirDuration) {
     EXPECT_FALSE(queue.runUntil(never, 20ms));
 }
 
-TEST_F(MainQueueTest, TakesTasksFromManyThreads) {
-    constexpr int kTasks = 2000;
-    int next[8] = {}, count = 0;
-    std::vector<std::jthread> threads;
-    for (int& nextOfThread : next) {
-        threads.emplace_back([&] {
-            for (int task = 0; task < kTasks; ++task)
-                queue.post([&, task] {
-                    EXPECT_EQ(nextOfThread++, task);  // in the order of each thread
-                    ++count;
-                });
-        });
-    }
-    EXPECT_TRUE(queue.runUntil([&] { return count == 8 * kTasks; }, 1min));
+TEST_F(MainQueueTest, OtherThreadsWakeAWaitingRun) {
+    std::atomic<int> ran = 0;
+    std::jthread poster([&] {
+        for (int before = 0; before < 100; ++before) {
+            queue.post([&ran] { ++ran, ran.notify_one(); });
+            ran.wait(before);
+        }
+    });
+    EXPECT_TRUE(queue.runUntil([&] { return ran == 100; }, 1min));
+    std::jthread stopper([&] { queue.stop(); });
+    EXPECT_FALSE(queue.runUntil([] { return false; }, 1min));
     EXPECT_FALSE(isReadable());
+}
+
+TEST_F(MainQueueTest, WhatATaskHoldsMayPostAsItGoes) {
+    const auto posting = [this] {
+        return std::shared_ptr<void>(nullptr, [this](void*) { queue.post(writes('b')); });
+    };
+    queue.post([held = posting()] {});
+    EXPECT_EQ(queue.drain(), 1u);
+    queue.post([held = posting()] {});
+    EXPECT_TRUE(queue.runUntil([this] { return log == "bb"; }, 1min));
 }
 
 TEST_F(MainQueueTest, AForkedChildHasAQueueOfItsOwn) {

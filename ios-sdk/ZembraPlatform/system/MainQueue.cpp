@@ -1,15 +1,16 @@
+// The main queue: tasks behind a mutex, and an eventfd that is readable while some wait. The HTTP client
+// posts from its own thread; the host drains.
+
 #include <algorithm>
 #include <cstdint>
-#include <ctime>
 #include <deque>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <utility>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
-#include <semaphore.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -20,9 +21,14 @@ namespace zembra {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
 
-/// Durations from here on have no end that a process could live to see.
-constexpr std::chrono::milliseconds kForever = std::chrono::hours(24 * 365);
+/// Longer durations count as this one, which ends after the process.
+constexpr milliseconds kForever = std::chrono::hours(24 * 365 * 100);
+
+/// The longest single wait, after which the queue looks again: a minute, or very short while the system gives
+/// no descriptor to wait for.
+constexpr milliseconds kLongestWait{60'000}, kLongestBlindWait{10};
 
 int newDescriptor() noexcept {
     return ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -35,40 +41,29 @@ struct ZEMBRA_HIDDEN MainQueue::State {
     std::deque<Task> tasks;
     std::uint64_t taken = 0;  // so `taken + tasks.size()` is the number of all tasks ever posted
     bool isStopping = false;
-
-    /// Woken by `changed` while `isWaiting`. A semaphore takes one system call less than a condition
-    /// variable, whose waiter wakes up to a mutex that it must take to be contended.
-    sem_t wakeUp;
     bool isWaiting = false;
+    int descriptor = -1;  // made when first needed: a host that only drains never pays for it
 
-    int descriptor = -1;  // made when first asked for: a host that only runs the queue never pays for it
+    void makeDescriptor() noexcept {
+        if (descriptor != -1) return;
+        descriptor = newDescriptor();
+        if (!tasks.empty()) setReadable(true);
+    }
 
-    State() noexcept { ::sem_init(&wakeUp, 0, 0); }
-
-    /// Waits for a call of `changed`, but not beyond `end`; sometimes for less.
-    void wait(std::unique_lock<std::mutex>& lock, const std::optional<Clock::time_point>& end) noexcept {
+    /// Waits for a task or a stop, but not beyond `end`; sometimes for less.
+    void wait(std::unique_lock<std::mutex>& lock, Clock::time_point end) noexcept {
+        makeDescriptor();
         isWaiting = true;
         lock.unlock();
-        if (end) {
-            const auto time = end->time_since_epoch();
-            const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-            const timespec until{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
-            ::sem_clockwait(&wakeUp, CLOCK_MONOTONIC, &until);
-        } else {
-            ::sem_wait(&wakeUp);
-        }
+        const auto left = std::chrono::ceil<milliseconds>(end - Clock::now());
+        const auto longest = descriptor == -1 ? kLongestBlindWait : kLongestWait;
+        pollfd wakeUp{descriptor, POLLIN, 0};
+        ::poll(&wakeUp, 1, static_cast<int>(std::clamp(left, milliseconds(0), longest).count()));
         lock.lock();
         isWaiting = false;
+        if (tasks.empty()) setReadable(false);  // a stop makes it readable, too
     }
 
-    /// Ends a wait. Gives up `lock`, which the waiting thread would only wait for.
-    void changed(std::unique_lock<std::mutex> lock) noexcept {
-        const bool wakes = std::exchange(isWaiting, false);
-        lock.unlock();
-        if (wakes) ::sem_post(&wakeUp);
-    }
-
-    /// Makes the descriptor readable or not. Only called where that changes, so the counter is 0 or 1.
     void setReadable(bool readable) const noexcept {
         if (descriptor == -1) return;
         std::uint64_t count = 1;
@@ -91,14 +86,15 @@ struct ZEMBRA_HIDDEN MainQueue::State {
     /// In a forked child: the tasks are the parent's, other threads are gone, and the descriptor would be one
     /// with the parent's. The old contents are left alone, since no destructor of theirs may run here.
     void startAfresh() {
-        const int number = descriptor;
+        const int inherited = descriptor;
         State* const fresh = new (this) State;
-        if (number == -1) return;
+        if (inherited == -1) return;
+        // The host may watch the number, so the new descriptor takes it over.
         fresh->descriptor = newDescriptor();
         if (fresh->descriptor == -1) {
-            ::close(number);
-        } else if (::dup3(fresh->descriptor, number, O_CLOEXEC) != -1) {
-            ::close(std::exchange(fresh->descriptor, number));
+            ::close(inherited);
+        } else if (::dup3(fresh->descriptor, inherited, O_CLOEXEC) != -1) {
+            ::close(std::exchange(fresh->descriptor, inherited));
         }
     }
 };
@@ -119,10 +115,9 @@ MainQueue& MainQueue::shared() {
 
 void MainQueue::post(Task task) {
     if (!task) return;
-    std::unique_lock lock(state_->mutex);
+    const std::lock_guard lock(state_->mutex);
     state_->tasks.push_back(std::move(task));
     if (state_->tasks.size() == 1) state_->setReadable(true);
-    state_->changed(std::move(lock));
 }
 
 std::size_t MainQueue::drain() {
@@ -147,18 +142,17 @@ void MainQueue::runFor(std::chrono::milliseconds duration) {
     [[maybe_unused]] const bool held = runUntil([] { return false; }, duration);
 }
 
-bool MainQueue::runUntil(const std::function<bool()>& condition, std::chrono::milliseconds duration) {
-    std::optional<Clock::time_point> end;
-    if (duration < kForever) end = Clock::now() + std::max(duration, std::chrono::milliseconds(0));
+bool MainQueue::runUntil(const std::function<bool()>& condition, milliseconds duration) {
+    const Clock::time_point end = Clock::now() + std::clamp(duration, milliseconds(0), kForever);
     bool holds = condition();
     std::unique_lock lock(state_->mutex);
     const std::uint64_t waiting = state_->posted();  // these run however short the duration is
     while (!holds && !state_->isStopping) {
-        const bool isOver = end && Clock::now() >= *end;
+        const bool isOver = Clock::now() >= end;
         if (Task task = state_->takeBefore(isOver ? waiting : state_->posted())) {
             lock.unlock();
             task();
-            task = nullptr;
+            task = nullptr;  // what it holds goes before the lock is taken again
             holds = condition();
             lock.lock();
         } else if (isOver) {
@@ -172,17 +166,14 @@ bool MainQueue::runUntil(const std::function<bool()>& condition, std::chrono::mi
 }
 
 void MainQueue::stop() {
-    std::unique_lock lock(state_->mutex);
+    const std::lock_guard lock(state_->mutex);
     state_->isStopping = true;
-    state_->changed(std::move(lock));
+    if (state_->isWaiting) state_->setReadable(true);
 }
 
 int MainQueue::fileDescriptor() const noexcept {
     const std::lock_guard lock(state_->mutex);
-    if (state_->descriptor == -1) {
-        state_->descriptor = newDescriptor();
-        if (!state_->tasks.empty()) state_->setReadable(true);
-    }
+    state_->makeDescriptor();
     return state_->descriptor;
 }
 

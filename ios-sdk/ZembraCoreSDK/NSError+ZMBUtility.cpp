@@ -1,3 +1,5 @@
+// Whether an error is one of the network; any thread.
+
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 
 #include <ZembraPlatform/NSURL.h>

@@ -1,5 +1,7 @@
 #pragma once
 
+// Whether an error is one of the network, for hosts and modules; any thread.
+
 #include <ZembraPlatform/NSError.h>
 
 namespace zembra {

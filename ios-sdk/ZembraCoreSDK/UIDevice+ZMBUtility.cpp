@@ -1,3 +1,5 @@
+// The device's identifier, and the table of readable names; any thread.
+
 #include <array>
 #include <string_view>
 

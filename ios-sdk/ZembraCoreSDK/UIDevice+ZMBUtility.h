@@ -1,5 +1,7 @@
 #pragma once
 
+// The device's identifier and its readable name, for hosts and modules; any thread.
+
 #include <memory>
 #include <optional>
 #include <string>

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Everything that the SDK publishes, in one line.
+// Everything that the SDK publishes, in one line.
 
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>

@@ -1,3 +1,5 @@
+// The bundle that holds the SDK's own version; any thread.
+
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>
 
 namespace zembra {

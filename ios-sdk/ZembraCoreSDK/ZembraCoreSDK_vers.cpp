@@ -1,3 +1,5 @@
+// The version symbols.
+
 #include <ZembraCoreSDK/ZembraCoreSDK_vers.h>
 
 namespace zembra {

@@ -1,5 +1,7 @@
 #pragma once
 
+// The version symbols, for tools that look for them in files; any thread.
+
 #include <ZembraPlatform/Export.h>
 
 namespace zembra {

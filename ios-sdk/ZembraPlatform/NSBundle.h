@@ -1,5 +1,7 @@
 #pragma once
 
+// Bundles: who the host is, which version a module has, and the texts of messages; any thread.
+
 #include <concepts>
 #include <filesystem>
 #include <memory>
@@ -38,8 +40,9 @@ public:
     };
 
     /// The host's bundle. Unless `setMainBundle` was called, its info dictionary is read at the first call:
-    /// `<executable>.Info.plist` beside the executable, else `../share/<executable>/Info.plist`; its
-    /// catalogues are those of table `<executable>` in `../share/locale`. Any thread.
+    /// `<executable>.Info.plist` beside the executable (found without /proc, too), else
+    /// `../share/<executable>/Info.plist`; its catalogues are those of table `<executable>` in
+    /// `../share/locale`. Any thread.
     [[nodiscard]] static std::shared_ptr<NSBundle> mainBundle();
 
     /// Puts `bundle` in the main bundle's place; `nullptr` brings back the one from the files. Call it at
@@ -47,7 +50,7 @@ public:
     static void setMainBundle(std::shared_ptr<NSBundle> bundle);
 
     /// The bundle that `Class` states with `ZMB_BUNDLE` for itself, else (also where a base class states one)
-    /// the main bundle.
+    /// the main bundle. Plain `NSError` belongs to the platform's bundle, which has no texts.
     template <class Class>
     [[nodiscard]] static std::shared_ptr<NSBundle> bundleForClass() {
         if constexpr (requires { Class::zembraBundle(std::type_identity<Class>{}); })
@@ -74,9 +77,9 @@ public:
     [[nodiscard]] NSErrorPtr infoDictionaryError() const { return infoDictionaryError_; }
 
     /// The text under `key` in the table (the default one unless named) in the first language that has it, of
-    /// those that LANGUAGE, LC_ALL, LC_MESSAGES or LANG asks for, then the development language. Where none
-    /// has it: `value`, and where that is absent or empty, the key itself. An absent key gives `value` or the
-    /// empty text. It works in every locale, without `setlocale`.
+    /// those that the list LANGUAGE and then LC_ALL, else LC_MESSAGES, else LANG ask for (16 at most), then
+    /// the development language. Where none has it: `value`, and where that is absent or empty, the key
+    /// itself. An absent key gives `value` or the empty text. It works in every locale, without `setlocale`.
     [[nodiscard]] virtual std::string localizedStringForKey(std::optional<std::string_view> key,
                                                             std::optional<std::string_view> value,
                                                             std::optional<std::string_view> table) const;

@@ -1,5 +1,7 @@
 #pragma once
 
+// The device that the process runs on; any thread.
+
 #include <memory>
 
 #include <ZembraPlatform/NSObject.h>

@@ -1,5 +1,7 @@
 #pragma once
 
+// The system call that tells the machine's identifier, for systems without it; any thread.
+
 #include <cstddef>
 
 #include <ZembraPlatform/Export.h>
@@ -12,8 +14,8 @@ inline constexpr int HW_MACHINE = 1;
 
 /// The system call of that name, for systems without it. Writes the value of the name {`CTL_HW`,
 /// `HW_MACHINE`}, the machine's identifier and a zero byte, to `oldValue` if its `*oldLength` bytes have room
-/// for it, and sets
-/// `*oldLength` to the length including the zero byte. Without an `oldValue` it only tells that length.
+/// for it, and sets `*oldLength` to the length including the zero byte. Without an `oldValue` it only tells
+/// that length.
 ///
 /// Returns 0, or -1 with `errno`: ENOMEM where there is no room (as many bytes as fit are written), ENOENT
 /// for another name, EPERM for an attempt to set a value. May be called from any thread.

@@ -1,8 +1,14 @@
+// Bundles from files and from code, and the texts of message catalogues.
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <tuple>
+#include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,6 +16,18 @@
 #include <ZembraPlatform/NSBundle.h>
 
 #include "support/ErrorMatchers.h"
+
+namespace {
+
+bool isProcAbsent = false;
+
+}  // namespace
+
+/// The system call, on a system that has no /proc if a test wants so.
+extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) noexcept {
+    if (isProcAbsent && std::string_view(path).starts_with("/proc/")) return errno = ENOENT, -1;
+    return ::readlinkat(AT_FDCWD, path, buffer, size);
+}
 
 namespace zembra::test {
 namespace {
@@ -36,6 +54,7 @@ TEST(InfoDictionary, HoldsWhatTheFileSays) {
         {"<string></string>", ""},
         {"<true/>", true},
         {"<integer>-42</integer>", -42},
+        {"<!-- <integer>your own</integer> --><integer> 9223372036854775807\n</integer>", INT64_MAX},
         {"<real>1.5</real>", 1.5},
         {"<date>2026-01-02T03:04:05Z</date>", Date(sys_days(2026y / 1 / 2) + 3h + 4min + 5s)},
         {"<data>AAEC</data>", std::string("\0\1\2", 3)},
@@ -62,6 +81,10 @@ TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
         {bundleWith("<plist><array/></plist>"), kMalformed, "no dictionary"},
         {bundleWith(dictionary("<string>\xFC</string>")), kMalformed, "not UTF-8 text"},
         {bundleWith(dictionary({"<string>b\0</string>", 19})), kMalformed, "not UTF-8 text"},
+        {bundleWith(dictionary("<integer>9223372036854775808</integer>")), kMalformed, "an integer"},
+        {bundleWith(dictionary("<integer>42x</integer>")), kMalformed, "an integer"},
+        {bundleWith(dictionary("<integer>042</integer>")), kMalformed, "an integer"},
+        {bundleWith(dictionary("<integer/>")), kMalformed, "an integer"},
         {bundleWith(dictionary(nested)), kMalformed, "nested too deeply"},
         {bundleWith(dictionary(std::string(300'000, ' '))), kMalformed, "larger than 256 KiB"},
     };
@@ -77,8 +100,10 @@ TEST(MainBundle, IsReadBesideTheExecutableOrHandedOverInCode) {
     EXPECT_EQ(info("CFBundleIdentifier"), Value("com.example.tests <&>"));
     NSBundle::setMainBundle(std::make_shared<NSBundle>(Value::dictionary({{"ZMBSDKClientID", "mine"}})));
     EXPECT_EQ(info("ZMBSDKClientID"), Value("mine"));
+    isProcAbsent = true;
     NSBundle::setMainBundle(nullptr);
     EXPECT_EQ(info("ZMBSDKClientID"), Value(""));
+    EXPECT_EQ(info("CFBundleIdentifier"), Value("com.example.tests <&>"));
 }
 
 const NSBundle::Catalogues kCatalogues{ZEMBRA_TEST_LOCALE_DIRECTORY, "messages"};
@@ -87,7 +112,11 @@ TEST(MessageCatalogues, AreThoseOfTheEnvironmentsLanguages) {
     const NSBundle bundle(Value(), kCatalogues);
     // The catalogues come from machines of different byte order.
     const std::string german = "Der Dienst ist gestört.", english = "The service is out of order.";
-    const std::pair<std::vector<std::pair<const char*, const char*>>, std::string> cases[] = {
+    std::string manyLanguages;
+    for (char letter = 'a'; letter < 'a' + 16; ++letter)
+        manyLanguages += std::string(2, letter) + ':';
+    manyLanguages += "de";
+    const std::pair<std::vector<std::pair<const char*, std::string>>, std::string> cases[] = {
         {{}, english},  // the development language, in a process without a locale
         {{{"LANG", "C.UTF-8"}}, english},
         {{{"LANG", "de_AT.UTF-8@euro"}}, german},
@@ -97,12 +126,14 @@ TEST(MessageCatalogues, AreThoseOfTheEnvironmentsLanguages) {
         {{{"LANGUAGE", "xx::de_CH:en"}, {"LANG", "C"}}, german},
         {{{"LANGUAGE", "fr"}, {"LANG", "de_DE"}}, german},  // the French one is not in UTF-8
         {{{"LANG", "de/../de"}}, english},                  // a path is no language
+        {{{"LANGUAGE", std::string(65, '_') + ":de"}}, german},
+        {{{"LANGUAGE", manyLanguages}}, english},  // the 17th is not looked at
     };
     for (const auto& [variables, text] : cases) {
         for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"})
             unsetenv(name);
         for (const auto& [name, value] : variables)
-            setenv(name, value, 1);
+            setenv(name, value.c_str(), 1);
         EXPECT_EQ(bundle.localizedStringForKey("server_error", "", std::nullopt), text)
             << PrintToString(variables);
     }
@@ -129,6 +160,51 @@ TEST(MessageCatalogues, FallBackToTheValueAndThenTheKey) {
     for (const auto& [key, value, table, text] : cases)
         EXPECT_EQ(bundle.localizedStringForKey(key, value, table), text) << key.value_or("no key");
     EXPECT_EQ(NSBundle(Value()).localizedStringForKey("server_error", "", {}), "server_error");
+}
+
+/// A catalogue file with these keys and texts.
+std::string catalogueFile(const std::vector<std::pair<std::string, std::string>>& messages) {
+    std::string file, strings;
+    const auto word = [](std::string& text, std::size_t number) {
+        for (int shift = 0; shift < 32; shift += 8)
+            text += static_cast<char>(number >> shift & 255);
+    };
+    const std::size_t keys = 28, texts = keys + 8 * messages.size(), start = texts + 8 * messages.size();
+    for (const std::size_t number : {std::size_t{0x950412de}, std::size_t{0}, messages.size(), keys, texts,
+                                     std::size_t{0}, std::size_t{0}})
+        word(file, number);
+    const auto table = [&](auto part) {
+        for (const auto& message : messages) {
+            word(file, (message.*part).size());
+            word(file, start + strings.size());
+            strings += message.*part + '\0';
+        }
+    };
+    table(&std::pair<std::string, std::string>::first);
+    table(&std::pair<std::string, std::string>::second);
+    return file + strings;
+}
+
+// Such files msgfmt does not make.
+TEST(MessageCatalogues, ThatAreDamagedHaveNoTexts) {
+    const std::string whole = catalogueFile({{"empty", ""}, {"server_error", "a text"}});
+    std::string beyond = whole, across = whole;
+    beyond[28 + 8 + 4] = '\x7F';                             // where the second key starts
+    across.replace(28 + 16, 4, std::string("\x20\0\0", 4));  // the first text runs over all other strings
+    const std::tuple<const char*, std::string, const char*, std::string> cases[] = {
+        {"whole", whole, "server_error", "a text"},
+        {"an empty translation", whole, "empty", "empty"},
+        {"a key beyond the end", beyond, "server_error", "server_error"},
+        {"strings across each other", across, "server_error", "server_error"},
+    };
+    const std::filesystem::path directory = TempDir() + "zembra-locale-" + std::to_string(getpid());
+    std::filesystem::create_directories(directory / "en/LC_MESSAGES");
+    for (const auto& [name, contents, key, text] : cases) {
+        std::ofstream(directory / "en/LC_MESSAGES/messages.mo", std::ios::binary) << contents;
+        const NSBundle bundle(Value(), NSBundle::Catalogues{directory, "messages"});
+        EXPECT_EQ(bundle.localizedStringForKey(key, "", {}), text) << name;
+    }
+    std::filesystem::remove_all(directory);
 }
 
 }  // namespace

@@ -1,3 +1,5 @@
+// gettext catalogues in memory, and the languages that the environment asks for; any thread.
+
 #include "bundles/MessageCatalogue.h"
 
 #include <algorithm>
@@ -15,6 +17,10 @@ namespace {
 constexpr std::size_t kLargestFile = 16u << 20;
 constexpr std::uint32_t kMagic = 0x950412de;
 constexpr std::uint32_t kSwappedMagic = 0xde120495;
+
+// Environments are anybody's to fill: what is longer or more than this is not looked at.
+constexpr std::size_t kLongestLanguage = 64;
+constexpr std::size_t kMostLanguages = 16;
 
 /// The 32-bit numbers of a catalogue, whose byte order is that of the machine that wrote it.
 class Words {
@@ -106,7 +112,8 @@ std::vector<std::string> languagesFromEnvironment() {
         // A name is part of a path: one that would lead elsewhere is no language.
         if (language == "C" || language == "POSIX" || language.starts_with("C.")) return;
         if (language.find('/') != std::string_view::npos || language.starts_with('.')) return;
-        while (!language.empty()) {
+        if (language.size() > kLongestLanguage) return;
+        while (!language.empty() && languages.size() < kMostLanguages) {
             if (std::ranges::find(languages, language) == languages.end()) languages.emplace_back(language);
             const std::size_t lessSpecific = language.find_last_of("@._");
             language = lessSpecific == std::string_view::npos ? "" : language.substr(0, lessSpecific);

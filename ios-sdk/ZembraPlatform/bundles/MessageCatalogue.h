@@ -1,12 +1,13 @@
 #pragma once
 
+// How `NSBundle` finds the text of a message: gettext's files and the environment's languages; any thread.
+
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-/// How `NSBundle` finds the text of a message; not part of the public interface.
 namespace zembra {
 
 /// The messages of one gettext catalogue (a .mo file), held in memory and checked as it was read.
@@ -42,8 +43,9 @@ private:
 };
 
 /// The languages that the environment asks for, best first, each followed by its less specific forms
-/// (de_AT.UTF-8, de_AT, de): LANGUAGE (a list) unless the locale is C or POSIX, else the first of LC_ALL,
-/// LC_MESSAGES and LANG that is set.
+/// (de_AT.UTF-8, de_AT, de): those of the list LANGUAGE, then that of the first of LC_ALL, LC_MESSAGES and
+/// LANG that is set and not empty. The C and POSIX locales ask for none. At most 16; a name of more than 64
+/// bytes is passed over.
 std::vector<std::string> languagesFromEnvironment();
 
 }  // namespace zembra

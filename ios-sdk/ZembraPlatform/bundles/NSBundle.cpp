@@ -6,6 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include <sys/auxv.h>
+
 #include <ZembraPlatform/NSBundle.h>
 
 #include "bundles/MessageCatalogue.h"
@@ -46,9 +48,19 @@ MainBundle& mainBundleSlot() {
     return *slot;
 }
 
+/// The program's file. Where there is no /proc, the path that it was started by, which is relative to the
+/// folder of that time.
+std::filesystem::path executablePath() {
+    std::error_code error;
+    const auto path = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (!error) return path;
+    const auto* const started = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+    return started == nullptr ? std::filesystem::path() : std::filesystem::weakly_canonical(started, error);
+}
+
 std::shared_ptr<NSBundle> bundleFromFiles() {
     std::error_code error;
-    const std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe", error);
+    const std::filesystem::path executable = executablePath();
     const std::filesystem::path name = executable.filename();
     const std::filesystem::path share = executable.parent_path().parent_path() / "share";
 

@@ -1,9 +1,15 @@
+// XML property lists into values, over libplist; any thread.
+
 #include "bundles/NSPropertyList.h"
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -100,6 +106,37 @@ Value valueOfNode(plist_t node, int depth) {
     }
 }
 
+/// Whether `text`, blanks around it aside, is a decimal number of 64 bits without a plus sign or leading
+/// zeros.
+bool isInteger(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r\n";
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    text = text.substr(0, text.find_last_not_of(kBlanks) + 1);
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && text == std::to_string(number);
+}
+
+/// Whether every integer of a property list is one as above. libplist (2.2 and 2.6) tells no fault in them:
+/// it reads "abc" as 0, 2^64 as -1 and "042" as 34.
+bool hasOnlyIntegers(std::string_view contents) {
+    constexpr std::string_view kComment = "<!--", kInteger = "<integer";
+    for (std::size_t tag = contents.find('<'); tag != contents.npos; tag = contents.find('<', tag)) {
+        if (contents.substr(tag).starts_with(kComment)) {
+            tag = contents.find("-->", tag + kComment.size());
+        } else if (contents.substr(tag).starts_with(kInteger)) {
+            const std::size_t start = contents.find('>', tag) + 1;
+            const std::size_t end = contents.find('<', start);
+            if (start == 0 || end == contents.npos || !isInteger(contents.substr(start, end - start)))
+                return false;
+            tag = end;
+        } else {
+            ++tag;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 Value dictionaryWithPropertyList(std::string_view contents, std::string& reason) {
@@ -114,6 +151,8 @@ Value dictionaryWithPropertyList(std::string_view contents, std::string& reason)
     const std::unique_ptr<void, FreeNode> owner(root);
     if (root == nullptr) {
         reason = "it is no XML property list";
+    } else if (!hasOnlyIntegers(contents)) {
+        reason = "it holds an integer that is none, or none of 64 bits";
     } else if (plist_get_node_type(root) != PLIST_DICT) {
         reason = "it holds no dictionary";
     } else if (Value dictionary = valueOfNode(root, 1); !dictionary.isNothing()) {

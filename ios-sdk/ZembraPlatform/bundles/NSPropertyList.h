@@ -1,11 +1,12 @@
 #pragma once
 
+// Property lists, as `NSBundle` reads them; any thread.
+
 #include <string>
 #include <string_view>
 
 #include <ZembraPlatform/Value.h>
 
-/// Property lists, as `NSBundle` reads them; not part of the public interface.
 namespace zembra {
 
 /// The dictionary that `contents`, an XML property list in UTF-8, stands for, or nothing; then `reason` says

@@ -1,3 +1,5 @@
+// Reading small files whole; any thread.
+
 #include "system/FileContents.h"
 
 #include <algorithm>

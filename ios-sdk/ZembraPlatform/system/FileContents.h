@@ -1,11 +1,12 @@
 #pragma once
 
+// Reading small files whole, for bundles and trusted authorities; any thread.
+
 #include <cstddef>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
-/// Reading small files whole; not part of the public interface.
 namespace zembra {
 
 /// The contents of a regular file of at most `limit` bytes. Otherwise an empty text and the reason in `error`

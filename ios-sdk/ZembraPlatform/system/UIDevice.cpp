@@ -1,3 +1,5 @@
+// The one device object; any thread.
+
 #include <ZembraPlatform/UIDevice.h>
 
 namespace zembra {

@@ -1,3 +1,5 @@
+// The one `sysctl` name that the SDK asks for, answered from uname; any thread.
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>

@@ -61,18 +61,18 @@ public:
     /// Requests built from now on fail with `NSURLErrorTimedOut` once nothing has moved for this long, in
     /// every phase: resolving, connecting, TLS, sending, waiting, receiving. 60 seconds unless set; what is
     /// not positive means no limit.
-    virtual void setTimeoutInterval(NSTimeInterval interval);
-    [[nodiscard]] virtual NSTimeInterval timeoutInterval() const;
+    void setTimeoutInterval(NSTimeInterval interval);
+    [[nodiscard]] NSTimeInterval timeoutInterval() const;
 
     /// Sets the default value of a header for requests built from now on; an absent value removes the header.
     /// Any text is taken; a request that would carry a control character in a name or a value fails unsent.
-    virtual void setValue(std::optional<std::string> value, std::string_view field);
+    void setValue(std::optional<std::string> value, std::string_view field);
 
     /// The default value of a header (names compare without regard to case), or `std::nullopt`.
-    [[nodiscard]] virtual std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
+    [[nodiscard]] std::optional<std::string> valueForHTTPHeaderField(std::string_view field) const;
 
     /// All default header fields.
-    [[nodiscard]] virtual NSHTTPURLResponse::HeaderFields HTTPRequestHeaders() const;
+    [[nodiscard]] NSHTTPURLResponse::HeaderFields HTTPRequestHeaders() const;
 
     /// The body of a request with `parameters`: the entries of a dictionary in their order, names and values
     /// (each as its text) percent-encoded byte by byte except for the unreserved characters of RFC 3986, so
@@ -80,11 +80,6 @@ public:
     [[nodiscard]] static std::string formWithParameters(const Value& parameters);
 
 private:
-    friend class AFHTTPSessionManager;
-
-    /// All default header fields: the same object for as long as none is set or removed.
-    [[nodiscard]] ZEMBRA_HIDDEN std::shared_ptr<const NSHTTPURLResponse::HeaderFields> fields() const;
-
     struct State;
     const std::unique_ptr<State> state_;
 };
@@ -97,14 +92,14 @@ public:
 
     /// The content types that answers may have, without parameters, compared without regard to case. From the
     /// start: application/json, text/json, text/javascript.
-    virtual void setAcceptableContentTypes(std::set<std::string> types);
-    [[nodiscard]] virtual std::set<std::string> acceptableContentTypes() const;
+    void setAcceptableContentTypes(std::set<std::string> types);
+    [[nodiscard]] std::set<std::string> acceptableContentTypes() const;
 
     /// The decoded body, nothing for an empty one. In this order, and with `*error` set: refuses a status
     /// outside 2xx, then another content type than the acceptable ones (none at all is refused with a body,
     /// accepted without one), then a body that is no JSON text.
-    [[nodiscard]] virtual Value responseObjectForResponse(const std::shared_ptr<NSHTTPURLResponse>& response,
-                                                          std::string body, NSErrorPtr* error) const;
+    [[nodiscard]] Value responseObjectForResponse(const std::shared_ptr<NSHTTPURLResponse>& response,
+                                                  std::string body, NSErrorPtr* error) const;
 
 private:
     struct State;
@@ -145,11 +140,10 @@ public:
 
     [[nodiscard]] const NSURL& baseURL() const noexcept;
 
-    /// The parts that the client owns; they live as long as it does. `POST` of this class builds requests
-    /// with what `requestSerializer()` gives and always reads answers with the response serializer of this
-    /// class.
-    [[nodiscard]] virtual AFHTTPRequestSerializer& requestSerializer();
-    [[nodiscard]] virtual AFHTTPResponseSerializer& responseSerializer();
+    /// The parts that the client owns; they live as long as it does. `POST` builds requests with the one and
+    /// reads answers with the other.
+    [[nodiscard]] AFHTTPRequestSerializer& requestSerializer();
+    [[nodiscard]] AFHTTPResponseSerializer& responseSerializer();
 
     /// Where callbacks of requests made from now on are delivered; an empty function means the main queue. A
     /// queue that runs tasks at once runs them on the I/O thread, where they must not take long.
@@ -169,8 +163,8 @@ public:
                       Failure failure);
 
 private:
-    class Session;
-    const std::shared_ptr<Session> session_;
+    struct State;
+    const std::shared_ptr<State> state_;
 };
 
 }  // namespace zembra

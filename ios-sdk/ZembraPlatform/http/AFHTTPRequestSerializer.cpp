@@ -1,3 +1,4 @@
+// What the HTTP client's requests are built from: timeout, default header fields, forms. Any thread.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -44,7 +45,7 @@ void appendPercentEncoded(std::string& text, std::string_view bytes) {
 
 /// The host's name and version and the system: "Trail Map/2.1.0 (Linux 6.1.0; x86_64)". What a header cannot
 /// carry becomes an underscore.
-[[gnu::cold]] std::string defaultUserAgent() {
+std::string defaultUserAgent() {
     const auto bundle = NSBundle::mainBundle();
     std::string agent = bundle->objectForInfoDictionaryKey("CFBundleName").text();
     if (agent.empty()) agent = ::program_invocation_short_name;
@@ -67,8 +68,7 @@ struct ZEMBRA_HIDDEN AFHTTPRequestSerializer::State {
 
     mutable std::mutex mutex;
     NSTimeInterval timeoutInterval = kDefaultTimeout;
-    std::shared_ptr<const Fields> fields =
-        std::make_shared<const Fields>(Fields{{"User-Agent", defaultUserAgent()}});
+    Fields fields = {{"User-Agent", defaultUserAgent()}};
 };
 
 AFHTTPRequestSerializer::AFHTTPRequestSerializer() : state_(std::make_unique<State>()) {}
@@ -87,26 +87,21 @@ NSTimeInterval AFHTTPRequestSerializer::timeoutInterval() const {
 
 void AFHTTPRequestSerializer::setValue(std::optional<std::string> value, std::string_view field) {
     const std::lock_guard lock(state_->mutex);
-    auto fields = std::make_shared<State::Fields>(*state_->fields);
+    auto& fields = state_->fields;
     if (value)
-        fields->insert_or_assign(std::string(field), std::move(*value));
-    else if (const auto found = fields->find(field); found != fields->end())
-        fields->erase(found);
-    state_->fields = std::move(fields);
+        fields.insert_or_assign(std::string(field), std::move(*value));
+    else if (const auto found = fields.find(field); found != fields.end())
+        fields.erase(found);
 }
 
 std::optional<std::string> AFHTTPRequestSerializer::valueForHTTPHeaderField(std::string_view field) const {
-    const auto fields = this->fields();
-    const auto found = fields->find(field);
-    if (found == fields->end()) return std::nullopt;
+    const std::lock_guard lock(state_->mutex);
+    const auto found = state_->fields.find(field);
+    if (found == state_->fields.end()) return std::nullopt;
     return found->second;
 }
 
 NSHTTPURLResponse::HeaderFields AFHTTPRequestSerializer::HTTPRequestHeaders() const {
-    return *fields();
-}
-
-std::shared_ptr<const NSHTTPURLResponse::HeaderFields> AFHTTPRequestSerializer::fields() const {
     const std::lock_guard lock(state_->mutex);
     return state_->fields;
 }

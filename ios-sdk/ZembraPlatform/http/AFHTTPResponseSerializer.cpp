@@ -1,3 +1,4 @@
+// How the HTTP client's answers are judged and decoded; on the client's I/O thread.
 #include <algorithm>
 #include <mutex>
 #include <utility>
@@ -23,8 +24,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
     return !less(a, b) && !less(b, a);
 }
 
-[[gnu::cold]] NSErrorPtr refusal(AFHTTPSessionErrorCode code,
-                                 const std::shared_ptr<NSHTTPURLResponse>& response, std::string text) {
+NSErrorPtr unacceptable(AFHTTPSessionErrorCode code, const std::shared_ptr<NSHTTPURLResponse>& response,
+                        std::string text) {
     return NSError::errorWithDomain(
         AFHTTPSessionErrorDomain, code,
         Value::dictionary({{NSLocalizedDescriptionKey, text},
@@ -55,8 +56,8 @@ Value AFHTTPResponseSerializer::responseObjectForResponse(const std::shared_ptr<
                                                           std::string body, NSErrorPtr* error) const {
     const NSInteger status = response->statusCode();
     if (status < 200 || status > 299) {
-        *error = refusal(AFHTTPSessionErrorUnacceptableStatus, response,
-                         "The server answered with status " + std::to_string(status) + ".");
+        *error = unacceptable(AFHTTPSessionErrorUnacceptableStatus, response,
+                              "The server answered with status " + std::to_string(status) + ".");
         return {};
     }
 
@@ -65,7 +66,8 @@ Value AFHTTPResponseSerializer::responseObjectForResponse(const std::shared_ptr<
     const std::string_view type = field == fields.end() ? "" : withoutParameters(field->second);
     const auto matches = [type](std::string_view acceptable) { return equalsIgnoringCase(type, acceptable); };
     if ((!type.empty() || !body.empty()) && std::ranges::none_of(acceptableContentTypes(), matches)) {
-        *error = refusal(AFHTTPSessionErrorUnacceptableContentType, response,
+        *error =
+            unacceptable(AFHTTPSessionErrorUnacceptableContentType, response,
                          type.empty() ? "The server's answer states no content type."
                                       : "The content type of the server's answer is not an acceptable one.");
         return {};

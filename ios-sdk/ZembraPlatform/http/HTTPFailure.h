@@ -1,0 +1,35 @@
+// Says in the words of `NSURLErrorDomain` why no answer came; used by the HTTP client's other parts, on any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <ZembraPlatform/NSError.h>
+#include <ZembraPlatform/NSURL.h>
+
+namespace zembra {
+
+/// An error of the network layer with a text for people.
+[[nodiscard]] NSErrorPtr networkError(NSURLErrorCode code, std::string_view text);
+
+/// How far an exchange had come when it failed.
+enum class HTTPPhase { resolving, connecting, securing, waiting, receiving };
+
+/// What the transfer itself found wrong, beside libcurl's result.
+enum class HTTPFault { none, answerTooLarge };
+
+/// All that the error of a failed exchange is made of.
+struct HTTPFailure {
+    int result = 0;  ///< libcurl's `CURLcode`.
+    HTTPFault fault = HTTPFault::none;
+    HTTPPhase phase = HTTPPhase::resolving;
+    std::string host;         ///< Where the request went, with the port where the URL names one.
+    std::string detail;       ///< libcurl's own text; may be empty.
+    std::string trustOrigin;  ///< Where the trusted authorities come from.
+    long verifyResult = 0;    ///< The TLS library's verdict on the server's certificate.
+};
+
+/// The one place that gives libcurl's results their meaning.
+[[nodiscard]] NSErrorPtr errorOf(const HTTPFailure& failure);
+
+}  // namespace zembra

@@ -1,0 +1,248 @@
+// One exchange on a libcurl handle of its own: what the handle is set to, what it receives, and what came of it.
+#include "http/HTTPTransfer.h"
+
+#include <algorithm>
+#include <new>
+#include <type_traits>
+#include <utility>
+
+#include <curl/curl.h>
+#include <sys/socket.h>
+
+#include <ZembraPlatform/NSJSONSerialization.h>
+
+namespace zembra {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t kLargestBody = std::size_t{16} << 20;
+constexpr std::size_t kLargestHeader = std::size_t{256} << 10;
+constexpr long kLongestConnectionLife = 300;  // seconds
+
+/// The end of a request whose bytes keep trickling: so many times its timeout, and at least a minute.
+constexpr int kLongestExchangeInTimeouts = 10;
+constexpr milliseconds kShortestBackstop = std::chrono::minutes(1);
+
+/// Sets options until one fails, and remembers that.
+class Options {
+public:
+    explicit Options(CURL* easy) : easy_(easy) {}
+
+    template <class Option>
+    Options& set(CURLoption name, Option value) {
+        // libcurl reads its numbers as `long` or `curl_off_t`; an `int` here would be read beyond its end.
+        static_assert(!std::is_integral_v<Option> || sizeof(Option) == sizeof(long) ||
+                      sizeof(Option) == sizeof(curl_off_t));
+        if (result_ == CURLE_OK) result_ = ::curl_easy_setopt(easy_, name, value);
+        return *this;
+    }
+
+    [[nodiscard]] CURLcode result() const noexcept { return result_; }
+
+private:
+    CURL* const easy_;
+    CURLcode result_ = CURLE_OK;
+};
+
+std::unique_ptr<curl_slist, void (*)(curl_slist*)> listOf(const std::vector<std::string>& lines) {
+    std::unique_ptr<curl_slist, void (*)(curl_slist*)> list(nullptr, &::curl_slist_free_all);
+    for (const std::string& line : lines) {
+        curl_slist* const longer = ::curl_slist_append(list.get(), line.c_str());
+        if (!longer) throw std::bad_alloc();
+        [[maybe_unused]] curl_slist* const shorter = list.release();
+        list.reset(longer);
+    }
+    return list;
+}
+
+int onProgress(void* request, curl_off_t, curl_off_t, curl_off_t total, curl_off_t sent) {
+    static_cast<const HTTPRequest*>(request)->didSend(sent, total);
+    return 0;
+}
+
+}  // namespace
+
+HTTPTransfer::HTTPTransfer(HTTPRequest request)
+    : request_(std::move(request)),
+      easy_(::curl_easy_init()),
+      headerLines_(listOf(request_.headerLines)),
+      errorText_(CURL_ERROR_SIZE),
+      setupResult_(setUp()) {}
+
+HTTPTransfer::~HTTPTransfer() {
+    ::curl_easy_cleanup(easy_);
+}
+
+int HTTPTransfer::setUp() {
+    if (!easy_) return CURLE_FAILED_INIT;
+    // A limit on connecting as a whole makes libcurl try the next address of a host in time. It is lifted
+    // once there is a connection. 0 stands for libcurl's own limit.
+    const milliseconds connectLimit = request_.idleLimit.value_or(milliseconds{0});
+    Options options(easy_);
+    options.set(CURLOPT_PRIVATE, static_cast<void*>(this))
+        .set(CURLOPT_ERRORBUFFER, errorText_.data())
+        .set(CURLOPT_URL, request_.url.absoluteString().c_str())
+        .set(CURLOPT_PROTOCOLS_STR, "https")
+        .set(CURLOPT_REDIR_PROTOCOLS_STR, "https")
+        .set(CURLOPT_FOLLOWLOCATION, 0L)
+        .set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})
+        .set(CURLOPT_HTTP09_ALLOWED, 0L)
+        .set(CURLOPT_ACCEPT_ENCODING, "")  // every one that libcurl can decode
+        .set(CURLOPT_NETRC, long{CURL_NETRC_IGNORED})
+        .set(CURLOPT_DISALLOW_USERNAME_IN_URL, 1L)
+        .set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
+        .set(CURLOPT_NOSIGNAL, 1L)
+        .set(CURLOPT_QUICK_EXIT, 1L)
+        .set(CURLOPT_TCP_KEEPALIVE, 1L)
+        .set(CURLOPT_MAXLIFETIME_CONN, kLongestConnectionLife)
+        .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()))
+        .set(CURLOPT_OPENSOCKETFUNCTION, &onOpenSocket)
+        .set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
+    options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
+        .set(CURLOPT_SSL_VERIFYPEER, 1L)
+        .set(CURLOPT_SSL_VERIFYHOST, 2L)
+        .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))  // with it nothing is cached
+        .set(CURLOPT_CAINFO, request_.authorities->file().c_str());
+    options.set(CURLOPT_POST, 1L)
+        .set(CURLOPT_HTTPHEADER, headerLines_.get())
+        .set(CURLOPT_POSTFIELDS, request_.body.c_str())
+        .set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request_.body.size()))
+        .set(CURLOPT_HEADERFUNCTION, &onHeader)
+        .set(CURLOPT_HEADERDATA, static_cast<void*>(this))
+        .set(CURLOPT_WRITEFUNCTION, &onBody)
+        .set(CURLOPT_WRITEDATA, static_cast<void*>(this));
+    if (request_.didSend) {
+        options.set(CURLOPT_NOPROGRESS, 0L)
+            .set(CURLOPT_XFERINFOFUNCTION, &onProgress)
+            .set(CURLOPT_XFERINFODATA, &request_);
+    }
+    return options.result();
+}
+
+HTTPTransfer* HTTPTransfer::of(void* easy) noexcept {
+    char* self = nullptr;
+    if (::curl_easy_getinfo(easy, CURLINFO_PRIVATE, &self) != CURLE_OK) return nullptr;
+    return static_cast<HTTPTransfer*>(static_cast<void*>(self));
+}
+
+// What moves
+// -------------------------------------------------------------------------------------------------------
+
+int HTTPTransfer::onOpenSocket(void* self, int, curl_sockaddr* address) {
+    static_cast<HTTPTransfer*>(self)->isConnecting_ = true;
+    return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+void HTTPTransfer::begin() {
+    if (lastMoved_) return;
+    began_ = Clock::now();
+    lastMoved_ = began_;
+}
+
+void HTTPTransfer::touch(int socket, Clock::time_point now) {
+    lastMoved_ = now;
+    if (!isConnecting_) return;  // a kept connection, or the resolver's
+    sockaddr_storage peer;
+    socklen_t size = sizeof peer;
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.ss_family == AF_UNIX) {
+        return;
+    }
+    isConnecting_ = false;
+    ::curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, 0L);
+}
+
+auto HTTPTransfer::deadline() const -> std::optional<Clock::time_point> {
+    if (!lastMoved_ || !request_.idleLimit) return std::nullopt;
+    const milliseconds idleLimit = *request_.idleLimit;
+    return std::min(*lastMoved_ + idleLimit,
+                    began_ + std::max(kShortestBackstop, kLongestExchangeInTimeouts * idleLimit));
+}
+
+// What is received
+// -------------------------------------------------------------------------------------------------------
+
+std::size_t HTTPTransfer::onHeader(char* data, std::size_t, std::size_t count, void* self) {
+    auto& transfer = *static_cast<HTTPTransfer*>(self);
+    transfer.headerSize_ += count;
+    if (transfer.headerSize_ > kLargestHeader) {
+        transfer.fault_ = HTTPFault::answerTooLarge;
+        return 0;
+    }
+    std::string_view line(data, count);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+        line.remove_suffix(1);
+    transfer.readHeaderLine(line);
+    return count;
+}
+
+void HTTPTransfer::readHeaderLine(std::string_view line) {
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    const auto trimmed = [&](std::string_view text) {
+        while (!text.empty() && isBlank(text.front()))
+            text.remove_prefix(1);
+        while (!text.empty() && isBlank(text.back()))
+            text.remove_suffix(1);
+        return text;
+    };
+    auto& fields = outcome_.fields;
+    if (line.starts_with("HTTP/")) {  // also after an interim answer
+        fields.clear();
+        lastValue_ = nullptr;
+        isHeaderComplete_ = false;
+    } else if (line.empty()) {
+        isHeaderComplete_ = true;
+    } else if (isHeaderComplete_) {
+        // A trailer; nothing in it concerns the answer's body.
+    } else if (isBlank(line.front())) {
+        if (lastValue_) lastValue_->append(" ").append(trimmed(line));
+    } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
+        const std::string_view value = trimmed(line.substr(colon + 1));
+        const auto [field, isNew] = fields.try_emplace(std::string(trimmed(line.substr(0, colon))), value);
+        if (!isNew) field->second.append(", ").append(value);
+        lastValue_ = &field->second;
+    }
+}
+
+std::size_t HTTPTransfer::onBody(char* data, std::size_t, std::size_t count, void* self) {
+    auto& transfer = *static_cast<HTTPTransfer*>(self);
+    std::string& body = transfer.outcome_.body;
+    if (count > kLargestBody - body.size()) {
+        transfer.fault_ = HTTPFault::answerTooLarge;
+        return 0;
+    }
+    body.append(data, count);
+    return count;
+}
+
+// What came of it
+// -------------------------------------------------------------------------------------------------------
+
+HTTPOutcome HTTPTransfer::finish(int result) {
+    long status = 0;
+    if (result == CURLE_OK) result = ::curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    outcome_.status = status;
+    if (result == CURLE_OK) return std::move(outcome_);
+    HTTPFailure failure{.result = result,
+                        .fault = fault_,
+                        .phase = phase(),
+                        .host = request_.host,
+                        .detail = errorText_.data(),
+                        .trustOrigin = request_.authorities->origin()};
+    ::curl_easy_getinfo(easy_, CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
+    return {.error = errorOf(failure)};
+}
+
+HTTPPhase HTTPTransfer::phase() const {
+    const auto isOver = [this](CURLINFO time) {
+        curl_off_t microseconds = 0;
+        return ::curl_easy_getinfo(easy_, time, &microseconds) == CURLE_OK && microseconds > 0;
+    };
+    if (headerSize_ > 0) return HTTPPhase::receiving;
+    if (isOver(CURLINFO_PRETRANSFER_TIME_T)) return HTTPPhase::waiting;
+    if (!isOver(CURLINFO_NAMELOOKUP_TIME_T)) return HTTPPhase::resolving;
+    return isConnecting_ ? HTTPPhase::connecting : HTTPPhase::securing;
+}
+
+}  // namespace zembra

@@ -1,4 +1,4 @@
-// The program: a sandbox server until it is interrupted.
+// The sandbox program: a server until it is interrupted.
 
 #include <charconv>
 #include <cstdint>
@@ -94,8 +94,10 @@ public:
     const std::filesystem::path& path() const { return path_; }
 
 private:
+    // Not std::filesystem::temp_directory_path, whose failure names no folder.
     static std::filesystem::path temporaryFile(const SandboxServer& server) {
-        return std::filesystem::temp_directory_path() /
+        const char* const folder = std::getenv("TMPDIR");
+        return std::filesystem::path(folder != nullptr && *folder != '\0' ? folder : "/tmp") /
                ("zembra-sandbox-" + std::to_string(getpid()) + "-" + std::to_string(server.port()) + ".pem");
     }
 

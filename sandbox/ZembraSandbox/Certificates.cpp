@@ -1,3 +1,5 @@
+// Certificates, over OpenSSL; any thread.
+
 #include "Certificates.h"
 
 #include <memory>
@@ -86,8 +88,10 @@ Certificate makeCertificate(const CertificateProfile& profile, const Certificate
     require(RAND_bytes(reinterpret_cast<unsigned char*>(&serialNumber), sizeof serialNumber) == 1 &&
                 ASN1_INTEGER_set_uint64(X509_get_serialNumber(subject), serialNumber) == 1 &&
                 X509_set_version(subject, X509_VERSION_3) == 1 && X509_set_pubkey(subject, key.get()) == 1 &&
-                X509_gmtime_adj(X509_getm_notBefore(subject), profile.validFrom.count()) != nullptr &&
-                X509_gmtime_adj(X509_getm_notAfter(subject), profile.validUntil.count()) != nullptr,
+                X509_gmtime_adj(X509_getm_notBefore(subject), static_cast<long>(profile.validFrom.count())) !=
+                    nullptr &&
+                X509_gmtime_adj(X509_getm_notAfter(subject), static_cast<long>(profile.validUntil.count())) !=
+                    nullptr,
             "fields");
     require(X509_NAME_add_entry_by_txt(X509_get_subject_name(subject), "CN", MBSTRING_UTF8,
                                        reinterpret_cast<const unsigned char*>(profile.commonName.data()),

@@ -1,5 +1,7 @@
 #pragma once
 
+// Certificates for the sandbox and for tests' servers; any thread.
+
 #include <chrono>
 #include <string>
 #include <vector>

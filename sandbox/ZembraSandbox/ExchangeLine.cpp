@@ -1,10 +1,13 @@
+// How an exchange is printed, without anything that may be a secret; any thread.
+
 #include "ExchangeLine.h"
 
 #include <algorithm>
 #include <array>
 #include <ostream>
+#include <utility>
 
-#include "Outcomes.h"
+#include "PlatformAPI.h"
 
 namespace zembra::sandbox {
 namespace {
@@ -16,20 +19,39 @@ char lowercase(char character) {
     return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a') : character;
 }
 
-bool containsWithoutCase(std::string_view text, std::string_view part) {
-    const auto isEqual = [](char left, char right) { return lowercase(left) == lowercase(right); };
-    return std::search(text.begin(), text.end(), part.begin(), part.end(), isEqual) != text.end();
+bool isKnownMethod(std::string_view method) {
+    constexpr std::array<std::string_view, 7> kMethods{"GET",   "HEAD",   "POST",   "PUT",
+                                                       "PATCH", "DELETE", "OPTIONS"};
+    return std::find(kMethods.begin(), kMethods.end(), method) != kMethods.end();
 }
 
-bool isSecretHeader(std::string_view name) {
-    constexpr std::array<std::string_view, 5> kParts{"auth", "cookie", "key", "secret", "token"};
-    return std::any_of(kParts.begin(), kParts.end(),
-                       [&](std::string_view part) { return containsWithoutCase(name, part); });
+bool isKnownPath(std::string_view path) {
+    return path == kAppTokenPath || path == kMemberTokenPath;
+}
+
+/// Whether the server is meant: "127.0.0.1" or "localhost", with a port or without.
+bool isOwnHost(std::string_view host) {
+    const std::string_view name = host.substr(0, host.find(':')), port = host.substr(name.size());
+    return (name == "127.0.0.1" || name == "localhost") &&
+           port.find_first_not_of(":0123456789") == port.npos && port.size() <= 6;
+}
+
+bool isOpenHeader(std::string_view name, std::string_view value) {
+    constexpr std::array<std::string_view, 8> kOpen{"Accept",         "Accept-Encoding", "Connection",
+                                                    "Content-Length", "Content-Type",    "Transfer-Encoding",
+                                                    "User-Agent",     "X-SDK-Version"};
+    return (isEqualWithoutCase(name, "Host") && isOwnHost(value)) ||
+           std::any_of(kOpen.begin(), kOpen.end(),
+                       [&](std::string_view open) { return isEqualWithoutCase(name, open); });
+}
+
+bool isKnownParameter(std::string_view name) {
+    return name == "client_id" || name == "signature" || name == "refresh_token";
 }
 
 bool isOpenParameter(std::string_view name, std::string_view value) {
-    if (name == "client_id" || name == "signature") return true;
-    return name == "refresh_token" && outcomeOf(value, refreshTokenOutcomes()).value == value;
+    if (name == "refresh_token") return outcomeOf(value, refreshTokenOutcomes()).value == value;
+    return isKnownParameter(name);
 }
 
 void appendPrintable(std::string& line, std::string_view text) {
@@ -56,36 +78,38 @@ std::optional<std::string> firstValue(const Fields& fields, auto isWanted) {
 }  // namespace
 
 bool isEqualWithoutCase(std::string_view left, std::string_view right) {
-    return left.size() == right.size() && containsWithoutCase(left, right);
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](char one, char other) { return lowercase(one) == lowercase(other); });
 }
 
 std::string exchangeLine(const Exchange& exchange, std::string_view token) {
     std::string line;
-    appendPrintable(line, exchange.method);
-    line += ' ';
-    const std::size_t query = exchange.target.find('?');
-    appendPrintable(line, std::string_view(exchange.target).substr(0, query));
-    if (query != std::string::npos) line.append("?").append(kMask);
-
-    const auto appendFields = [&](std::string_view title, std::string_view equals, const Fields& fields,
-                                  auto isOpen) {
-        line += title;
-        std::string_view separator;
-        for (const auto& [name, value] : fields) {
-            line += separator;
-            separator = ", ";
-            appendPrintable(line, name);
-            line += equals;
-            if (isOpen(name, value)) {
-                appendPrintable(line, value);
-            } else {
-                line += kMask;
-            }
-        }
+    const auto append = [&line](std::string_view text, bool isOpen) {
+        if (isOpen)
+            appendPrintable(line, text);
+        else
+            line += kMask;
     };
-    appendFields(" | ", ": ", exchange.headers,
-                 [](const auto& name, const auto&) { return !isSecretHeader(name); });
-    appendFields(" | ", "=", exchange.parameters, isOpenParameter);
+    const std::string_view target = exchange.target, path = target.substr(0, target.find('?'));
+    append(exchange.method, isKnownMethod(exchange.method));
+    line += ' ';
+    append(path, isKnownPath(path));
+    if (path.size() != target.size()) line.append("?").append(kMask);
+
+    std::string_view separator = " | ";
+    for (const auto& [name, value] : exchange.headers) {
+        line += std::exchange(separator, ", ");
+        append(name, true);
+        line += ": ";
+        append(value, isOpenHeader(name, value));
+    }
+    separator = " | ";
+    for (const auto& [name, value] : exchange.parameters) {
+        line += std::exchange(separator, ", ");
+        append(name, isKnownParameter(name));
+        line += '=';
+        append(value, isOpenParameter(name, value));
+    }
 
     if (exchange.status == 0) return line + " | no answer";
     line += " | " + std::to_string(exchange.status) + ' ';

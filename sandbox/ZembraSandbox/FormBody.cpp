@@ -1,3 +1,5 @@
+// A strict decoder of form bodies, written independently of the SDK's encoder; any thread.
+
 #include "FormBody.h"
 
 #include <algorithm>

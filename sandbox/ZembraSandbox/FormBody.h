@@ -1,5 +1,7 @@
 #pragma once
 
+// The form that a request carries, for the platform's API; any thread.
+
 #include <optional>
 #include <string_view>
 

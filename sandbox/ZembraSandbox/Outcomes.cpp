@@ -1,3 +1,5 @@
+// The table of outcomes that can be rehearsed; any thread.
+
 #include "Outcomes.h"
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #pragma once
 
+// The outcomes that can be rehearsed, for the platform's API and for tests; any thread.
+
 #include <span>
 #include <string>
 #include <string_view>

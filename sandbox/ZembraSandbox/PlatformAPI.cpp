@@ -1,3 +1,5 @@
+// The platform's judgement on requests; any thread.
+
 #include "PlatformAPI.h"
 
 #include <algorithm>
@@ -24,8 +26,8 @@ struct Endpoint {
 };
 constexpr std::array<std::string_view, 2> kAppTokenParameters{"client_id", "signature"};
 constexpr std::array<std::string_view, 1> kMemberTokenParameters{"refresh_token"};
-constexpr std::array kEndpoints{Endpoint{"/api/v1/app/token", kAppTokenParameters, false},
-                                Endpoint{"/api/v1/app/members/token", kMemberTokenParameters, true}};
+constexpr std::array kEndpoints{Endpoint{kAppTokenPath, kAppTokenParameters, false},
+                                Endpoint{kMemberTokenPath, kMemberTokenParameters, true}};
 
 std::string hexadecimal(std::span<const unsigned char> bytes) {
     constexpr std::string_view kDigits = "0123456789abcdef";

@@ -1,13 +1,19 @@
 #pragma once
 
+// What the platform answers, for the server; any thread.
+
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "Outcomes.h"
 #include "SandboxServer.h"
 
 namespace zembra::sandbox {
+
+inline constexpr std::string_view kAppTokenPath = "/api/v1/app/token";
+inline constexpr std::string_view kMemberTokenPath = "/api/v1/app/members/token";
 
 /// The platform's answer to one request.
 struct Answer {

@@ -1,3 +1,5 @@
+// The sandbox server: connections, TLS and delivery, over cpp-httplib, on threads of its own.
+
 #include "SandboxServer.h"
 
 #include <algorithm>
@@ -5,8 +7,10 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <ctime>
 #include <deque>
 #include <future>
+#include <list>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -29,9 +33,9 @@
 namespace zembra::sandbox {
 namespace {
 
-constexpr std::size_t kConnectionLimit = 64;
 constexpr std::size_t kLogCapacity = 1000;
 constexpr std::size_t kLongestBody = 16 << 20;
+constexpr std::chrono::seconds kSilenceLimit{20};  // hosts under a debugger or an instrument are slow
 constexpr std::chrono::milliseconds kLateAnswerDelay{1500};
 constexpr std::chrono::milliseconds kForever{-1};
 
@@ -113,6 +117,43 @@ private:
     std::mutex mutex_;
     std::map<SSL*, int> descriptors_;
     bool isClosed_ = false;
+};
+
+/// Serves each connection on a thread of its own, so that silent ones keep no other waiting.
+class ThreadPerConnection : public httplib::TaskQueue {
+public:
+    // Nothing in cpp-httplib 0.11; in 0.18 whether the task was taken.
+    using Taken = decltype(std::declval<httplib::TaskQueue&>().enqueue(nullptr));
+
+    Taken enqueue(std::function<void()> serve) override {
+        std::unique_lock lock(mutex_);
+        joinEnded();
+        const auto self = running_.emplace(running_.end());
+        *self = std::thread([this, self, serve = std::move(serve)] {
+            serve();
+            const std::lock_guard end(mutex_);
+            ended_.splice(ended_.end(), running_, self);
+            oneEnded_.notify_one();
+        });
+        return Taken(true);
+    }
+
+    void shutdown() override {
+        std::unique_lock lock(mutex_);
+        oneEnded_.wait(lock, [this] { return running_.empty(); });
+        joinEnded();
+    }
+
+private:
+    void joinEnded() {
+        for (std::thread& thread : ended_)
+            thread.join();
+        ended_.clear();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable oneEnded_;
+    std::list<std::thread> running_, ended_;
 };
 
 /// The library's server, with room for more connections that wait to be accepted.
@@ -223,8 +264,8 @@ private:
     void configure() {
         https_->set_tcp_nodelay(true);
         https_->set_keep_alive_max_count(1000000);
-        https_->set_keep_alive_timeout(60);
-        https_->set_read_timeout(60);  // hosts under a debugger or an instrument are slow
+        https_->set_keep_alive_timeout(static_cast<std::time_t>(kSilenceLimit.count()));
+        https_->set_read_timeout(kSilenceLimit);
         https_->set_payload_max_length(kLongestBody);
         // The library's own choice would let two servers share a port.
         https_->set_socket_options([](int descriptor) {
@@ -289,7 +330,7 @@ private:
     void listen() {
         std::promise<void> isListening;
         https_->new_task_queue = [&isListening] {
-            auto queue = std::make_unique<httplib::ThreadPool>(kConnectionLimit);
+            auto queue = std::make_unique<ThreadPerConnection>();
             isListening.set_value();
             return queue.release();
         };
@@ -407,8 +448,10 @@ void SandboxServer::writeCertificateAuthority(const std::filesystem::path& file)
         if (error != 0) unlink(file.c_str());
     }
     if (error != 0) {
-        throw std::runtime_error("Cannot write the certificate authority to " + file.string() + ": " +
-                                 std::generic_category().message(error));
+        throw std::runtime_error(
+            "Cannot write the certificate authority to " + file.string() + ": " +
+            std::generic_category().message(error) +
+            (error == EEXIST ? " (if a run that was killed left it behind, remove it)" : ""));
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+// The sandbox server, for hosts' tests and the sandbox program; any thread.
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -33,7 +35,7 @@ struct Exchange {
 
     int status = 0;      ///< 0 where no answer was given.
     std::string answer;  ///< The body of the answer, also where only its first half was sent.
-    std::string line;    ///< All of it as one line of printable text, tokens and unknown parameters masked.
+    std::string line;    ///< As one line of printable text, with whatever may be a secret masked.
 
     /// The value of the first header (names compare without regard to case) or parameter of this name.
     [[nodiscard]] std::optional<std::string> header(std::string_view name) const;
@@ -56,7 +58,8 @@ struct SandboxOptions {
 /// It answers POST app/token and POST app/members/token under /api/v1/, as strictly as the platform might:
 /// 404 for another path, 405 for another method, 400 for whatever else is wrong with a request, each with a
 /// JSON body that says why. Well-known client identifiers and refresh tokens rehearse every other outcome;
-/// `outcomeTables` lists them. It serves up to 64 connections at once.
+/// `outcomeTables` lists them. Connections do not wait for each other; one that is silent for 20 seconds is
+/// dropped.
 ///
 /// All operations may be called from any thread. Its own threads block all signals, and the process's signal
 /// dispositions stay as they are.

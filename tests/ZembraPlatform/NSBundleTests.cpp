@@ -24,7 +24,8 @@ bool isProcAbsent = false;
 }  // namespace
 
 /// The system call, on a system that has no /proc if a test wants so.
-extern "C" ssize_t readlink(const char* path, char* buffer, std::size_t size) noexcept {
+extern "C" __attribute__((visibility("default"))) ssize_t readlink(const char* path, char* buffer,
+                                                                   std::size_t size) noexcept {
     if (isProcAbsent && std::string_view(path).starts_with("/proc/")) return errno = ENOENT, -1;
     return ::readlinkat(AT_FDCWD, path, buffer, size);
 }

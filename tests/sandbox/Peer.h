@@ -1,5 +1,7 @@
 #pragma once
 
+// A client of the sandbox over plain libcurl, for the sandbox's tests.
+
 #include <memory>
 #include <string>
 #include <vector>

@@ -1,5 +1,8 @@
+// The sandbox program, run as a process of its own.
+
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -77,7 +80,7 @@ TEST(SandboxProgram, ServesAtItsPortWithItsFileUntilItIsInterrupted) {
         EXPECT_THAT(program.line(), AllOf(HasSubstr("client_id=sandbox.demo"),
                                           HasSubstr(R"("token": "****")"), Not(HasSubstr("app-"))));
         Program intruder("--ca-file " + file);
-        EXPECT_THAT(intruder.rest(), AllOf(HasSubstr(file), HasSubstr("exists")));
+        EXPECT_THAT(intruder.rest(), AllOf(HasSubstr(file), HasSubstr("exists (if a run that was killed")));
         EXPECT_EQ(intruder.status(), 1);
         EXPECT_TRUE(std::filesystem::exists(file)) << "what another one made stays";
         program.signal(end);
@@ -95,6 +98,13 @@ TEST(SandboxProgram, RefusesAWrongUsage) {
                                           HasSubstr(arguments.substr(0, arguments.find(' ')))));
         EXPECT_EQ(program.status(), 2);
     }
+}
+
+TEST(SandboxProgram, NamesAFolderForTemporaryFilesThatIsNone) {
+    setenv("TMPDIR", "/nonexistent/folder", 1);
+    Program program("");
+    EXPECT_THAT(program.rest(), HasSubstr("/nonexistent/folder/zembra-sandbox-"));
+    EXPECT_EQ(program.status(), 1);
 }
 
 TEST(SandboxProgram, ListsTheOutcomesInItsHelpAndItsReadme) {

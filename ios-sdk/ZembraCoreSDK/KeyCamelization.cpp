@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <cstdint>
-#include <cstring>
 #include <exception>
 
 #include <ZembraCoreSDK/KeyCamelization.h>
@@ -49,8 +47,8 @@ std::size_t scannedLength(std::string_view string) noexcept {
     return isAllASCII(string) ? string.size() : lengthOfString(string);
 }
 
-/// The conversion itself: reads all of `scanned`, writes at most as many bytes to `out`, and returns how many
-/// stand before the first zero byte among them.
+/// Converts `scanned` into `out`, which has room for as many bytes. Returns how many of them stand before the
+/// first zero byte.
 std::size_t camelize(std::string_view scanned, char* out) noexcept {
     std::size_t length = 0;
     std::size_t end = std::string_view::npos;
@@ -66,62 +64,26 @@ std::size_t camelize(std::string_view scanned, char* out) noexcept {
     return std::min(end, length);
 }
 
-/// The form of most keys, written to `out`; `std::nullopt`, with nothing decided, for any other key.
-std::optional<std::string_view> camelizeByBlocks(std::string_view key, NameBytes& out) noexcept {
-    const bool hasRoom = key.size() + kByteBlockSize <= out.size();
-    if (key.empty() || !hasRoom || !hasByteBlocks) return std::nullopt;
-    BlockCamelization conversion;
-    std::size_t length = 0;
-    for (std::size_t index = 0; index < key.size(); index += kByteBlockSize) {
-        const auto [bytes, size] = conversion.convert(key, index);
-        std::memcpy(out.data() + length, &bytes, sizeof bytes);
-        length += size;
-    }
-    if (!conversion.isRight()) return std::nullopt;
-    return std::string_view(out.data(), length);
-}
-
-/// The form of any key.
-void camelizeByBytes(std::string_view key, std::optional<std::string>& result) {
-    if (!isWellFormedUTF8(key)) return;
-    const std::string_view scanned = key.substr(0, scannedLength(key));
-    result.emplace(scanned.size(), '\0');
-    result->resize(camelize(scanned, result->data()));
-    if (!isWellFormedUTF8(*result)) result.reset();
-}
-
-/// The form of any key that `camelizedString` has no shorter way for. It stays out of that way.
-[[gnu::noinline]] void camelizeOther(std::string_view key, std::optional<std::string>& result) {
-    NameBytes buffer;
-    if (const auto name = camelizeByBlocks(key, buffer))
-        result.emplace(*name);
-    else
-        camelizeByBytes(key, result);
-}
-
-constexpr std::string_view kRoomInString = "               ";  // for as many bytes, none is allocated
-
 }  // namespace
 
 std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer) {
-    if (const auto name = camelizeByBlocks(key, buffer.bytes)) return name;
-    buffer.other.reset();
-    camelizeByBytes(key, buffer.other);
-    return buffer.other;
+    const bool isASCII = isAllASCII(key);
+    if (!isASCII && !isWellFormedUTF8(key)) return std::nullopt;
+    const std::string_view scanned = isASCII ? key : key.substr(0, lengthOfString(key));
+    char* out = buffer.shortName.data();
+    if (scanned.size() > buffer.shortName.size()) {
+        buffer.longName.resize(scanned.size());
+        out = buffer.longName.data();
+    }
+    const std::string_view name(out, camelize(scanned, out));
+    if (!isASCII && !isWellFormedUTF8(name)) return std::nullopt;
+    return name;
 }
 
 std::optional<std::string> camelizedString(std::string_view string) {
-    std::optional<std::string> result;  // the only one to return: it is made where the caller wants it
-    if (const auto name = shortNameForKey(string); name && name->size <= kRoomInString.size()) {
-        // All of that room is written, so that nothing depends on a length that no processor foresees. What
-        // the copy may write behind it is the zero byte that stands there.
-        result.emplace(kRoomInString);
-        std::memcpy(result->data(), name->head.words, sizeof name->head.words);
-        result->resize(name->size);
-    } else {
-        camelizeOther(string, result);
-    }
-    return result;
+    NameBuffer buffer;
+    const std::optional<std::string_view> name = nameForKey(string, buffer);
+    return name ? std::optional<std::string>(*name) : std::nullopt;
 }
 
 bool camelizationEnds(std::string_view string) noexcept {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include <ZembraPlatform/ObjectRuntime.h>
+#include <ZembraPlatform/Property.h>
 
 /// Model objects that fill themselves from decoded JSON.
 ///
@@ -64,20 +64,19 @@ extern "C" ZEMBRA_EXPORT bool IsLowercase(const char& byte) noexcept;
 // Data objects
 // --------------------------------------------------------------------------------------------------------
 
-/// The description of a data-object class: declared properties, and what else the mapping asks of a class.
-struct DataObjectClass : Class {
+/// The description of a data-object class, with the hooks that the class offers.
+struct DataObjectDescription : ClassDescription {
     using ArrayHook = Value (*)(QVDataObject& object, std::string_view key, const Value& values);
     using DateFormatterHook = std::shared_ptr<const NSDateFormatter> (*)(QVDataObject& object);
 
     ArrayHook arrayPropertyForKey;    ///< `nullptr` where the class has no such hook.
     DateFormatterHook dateFormatter;  ///< The same.
-    bool overridesMapping;            ///< Overrides `dataObjectClassForKey` or `setPropertyValue`.
 };
 
 namespace detail {
 
-/// What the overloads of `zembraClassAbove` are asked with: each described class offers one that takes a
-/// pointer to it, for all classes but itself. So a class finds the nearest described class above it.
+/// Asks which described class is the nearest above `Below`: each described class offers an overload of
+/// `zembraClassAbove` that takes a pointer to it, for all classes but itself.
 template <class Below>
 struct AskedFor {};
 template <class Below>
@@ -118,7 +117,7 @@ public:
 
     /// The class with which the object's class or a base class declares the property `key`; `nullptr` where
     /// there is no such property, or it is a scalar or a plain `Value`.
-    [[nodiscard]] virtual const Class* dataObjectClassForKey(std::string_view key) const;
+    [[nodiscard]] virtual const ClassDescription* dataObjectClassForKey(std::string_view key) const;
 
     /// Converts `value` as property class `cls` asks and assigns it to the property `key`; a name that is not
     /// declared, or a scalar's, is ignored. The first that holds decides what is assigned:
@@ -127,29 +126,23 @@ public:
     ///   itself;
     ///   - `cls` is `NSDate` and `value` a string: the date that the hook's formatter reads, or nothing;
     ///   - `value` unchanged, null included, whether it fits `cls` or not.
-    virtual void setPropertyValue(Value value, std::string_view key, const Class& cls);
+    virtual void setPropertyValue(Value value, std::string_view key, const ClassDescription& cls);
 
-    /// The description of this very class, and of the object's actual class.
-    [[nodiscard]] static const DataObjectClass& staticClass() noexcept;
-    [[nodiscard]] virtual const DataObjectClass& dynamicClass() const noexcept;
+    /// The description of this very class.
+    [[nodiscard]] static const ClassDescription& staticClass() noexcept;
+
+    [[nodiscard]] const DataObjectDescription* classDescription() const noexcept override;
 
     /// A new object of class `cls` filled from `json`; `nullptr` where `initWithJSON` returns false or `cls`
     /// is no data-object class that objects can be made of.
-    [[nodiscard]] static std::shared_ptr<QVDataObject> objectWithJSON(const Class& cls, Value json);
+    [[nodiscard]] static std::shared_ptr<QVDataObject> objectWithJSON(const ClassDescription& cls,
+                                                                      Value json);
 
     // Where the chains of `ZMB_DATA_OBJECT` and `ZMB_PROPERTY` start.
     using ZembraClass = QVDataObject;
     template <class Below>
     friend std::type_identity<QVDataObject> zembraClassAbove(const QVDataObject*, detail::AskedFor<Below>);
     static char (&zembraCount(detail::PropertyNumber<0>))[1];
-    template <class>
-    static constexpr DataObjectClass::ArrayHook zembraArrayHook() {
-        return nullptr;
-    }
-    template <class>
-    static constexpr DataObjectClass::DateFormatterHook zembraDateFormatterHook() {
-        return nullptr;
-    }
 
 protected:
     QVDataObject(const QVDataObject&) = default;
@@ -161,8 +154,11 @@ protected:
 /// A new `Object` filled from `json`, or `nullptr`.
 template <std::derived_from<QVDataObject> Object>
 [[nodiscard]] std::shared_ptr<Object> objectWithJSON(Value json) {
-    return std::static_pointer_cast<Object>(
-        QVDataObject::objectWithJSON(Object::staticClass(), std::move(json)));
+    static_assert(detail::HasOwnDescription<Object>,
+                  "a class whose objects the mapping makes must start with ZMB_DATA_OBJECT");
+    if constexpr (detail::HasOwnDescription<Object>)
+        return std::static_pointer_cast<Object>(
+            QVDataObject::objectWithJSON(Object::staticClass(), std::move(json)));
 }
 
 /// One new `Object` for each dictionary in `array`, in order; other elements, and dictionaries that
@@ -201,102 +197,118 @@ template <class Base>
 using BaseOrRoot =
     std::conditional_t<std::is_base_of_v<QVDataObject, Base> && HasOwnDescription<Base>, Base, QVDataObject>;
 
+/// Describes a data-object class from what `ZMB_DATA_OBJECT` and `ZMB_PROPERTY` put into it. Each described
+/// class befriends it, so hooks and properties count whatever their access.
+template <class Self>
+struct DataObjectAccess {
+    template <class Base>
+    static const DataObjectDescription& description() noexcept {
+        static_assert(derivesFrom<Self, Base>,
+                      "ZMB_DATA_OBJECT must name the data-object class that this one derives from");
+        static constexpr DataObjectDescription description{
+            {Self::zembraName, &typeid(Self), &classOfProperty<typename Self::ZembraBase>, properties,
+             creationOf<Self>()},
+            arrayHook(),
+            dateFormatterHook()};
+        return description;
+    }
+
+private:
+    static constexpr std::size_t kPropertyCount = sizeof(Self::zembraCount(HighestPropertyNumber{})) - 1;
+
+    static constexpr DataObjectDescription::ArrayHook arrayHook() {
+        if constexpr (requires(Self & object, std::string_view key, const Value& values) {
+                          { object.arrayPropertyForKey(key, values) } -> std::same_as<Value>;
+                      }) {
+            return [](QVDataObject& object, std::string_view key, const Value& values) {
+                return static_cast<Self&>(object).arrayPropertyForKey(key, values);
+            };
+        } else {
+            static_assert(
+                !requires { &Self::arrayPropertyForKey; },
+                "the hook is: zembra::Value arrayPropertyForKey(std::string_view key, "
+                "const zembra::Value& values)");
+            return nullptr;
+        }
+    }
+
+    static constexpr DataObjectDescription::DateFormatterHook dateFormatterHook() {
+        using Formatter = std::shared_ptr<const NSDateFormatter>;
+        if constexpr (requires(Self & object) {
+                          { object.dateFormatter() } -> std::convertible_to<Formatter>;
+                      }) {
+            return
+                [](QVDataObject& object) -> Formatter { return static_cast<Self&>(object).dateFormatter(); };
+        } else {
+            static_assert(
+                !requires { &Self::dateFormatter; },
+                "the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter() const");
+            return nullptr;
+        }
+    }
+
+    template <std::size_t number>
+    static Value* storage(NSObject& object) noexcept {
+        return &storageOf(static_cast<Self&>(object).zembraMember(PropertyNumber<number>{}));
+    }
+    template <std::size_t number>
+    static Value scalar(const NSObject& object) noexcept {
+        return valueOf(
+            const_cast<Self&>(static_cast<const Self&>(object)).zembraMember(PropertyNumber<number>{}));
+    }
+
+    template <std::size_t number>
+    static constexpr PropertyDescription property() {
+        constexpr PropertyDeclaration declared = Self::zembraDeclaration(PropertyNumber<number>{});
+        using Member =
+            std::remove_reference_t<decltype(std::declval<Self&>().zembraMember(PropertyNumber<number>{}))>;
+        if constexpr (std::is_scalar_v<Member>)
+            return {declared.name, declared.declaredClass, nullptr, &scalar<number>};
+        else
+            return {declared.name, declared.declaredClass, &storage<number>, nullptr};
+    }
+
+    static constexpr std::array<PropertyDescription, kPropertyCount> properties =
+        []<std::size_t... index>(std::index_sequence<index...>) {
+        return std::array<PropertyDescription, kPropertyCount>{{property<index + 1>()...}};
+    }
+    (std::make_index_sequence<kPropertyCount>{});
+};
+
 }  // namespace detail
 }  // namespace zembra
 
 /// Makes a class a data-object class: describes it, with the properties that `ZMB_PROPERTY` declares after
 /// this line. `Base` is the class that it derives from, `QVDataObject` or another data-object class. Objects
 /// can be made of a class with a public default constructor. The line ends in `private:`.
-#define ZMB_DATA_OBJECT(ClassName, Base)                                                                     \
-public:                                                                                                      \
-    using ZembraClass = ClassName;                                                                           \
-    using ZembraBase = ::zembra::detail::BaseOrRoot<Base>;                                                   \
-    template <class Below>                                                                                   \
-    requires(!::std::is_same_v<Below, ClassName>) friend ::std::type_identity<ClassName> zembraClassAbove(   \
-        const ClassName*, ::zembra::detail::AskedFor<Below>);                                                \
-    static char(&zembraCount(::zembra::detail::PropertyNumber<0>))[1];                                       \
-    static const ::zembra::DataObjectClass& staticClass() noexcept {                                         \
-        return zembraDescription<ClassName>(                                                                 \
-            ::std::make_index_sequence<sizeof(zembraCount(::zembra::detail::HighestPropertyNumber{})) -      \
-                                       1>{});                                                                \
-    }                                                                                                        \
-    const ::zembra::DataObjectClass& dynamicClass() const noexcept override {                                \
-        static_assert(::std::is_same_v<decltype(*this), const ClassName&>,                                   \
-                      "ZMB_DATA_OBJECT must name the class that it stands in");                              \
-        return staticClass();                                                                                \
-    }                                                                                                        \
-    /** A new object filled from `json`; `nullptr` where that is no dictionary. */                           \
-    template <class Object = ClassName>                                                                      \
-    [[nodiscard]] static ::std::shared_ptr<Object> objectWithJSON(::zembra::Value zembraJson) {              \
-        return ::zembra::objectWithJSON<Object>(::std::move(zembraJson));                                    \
-    }                                                                                                        \
-    /** A new object for each dictionary in `array`, in order; `std::nullopt` where that is nothing.         \
-     */                                                                                                      \
-    template <class Object = ClassName>                                                                      \
-    [[nodiscard]] static auto objectsWithArrayOfJSON(::zembra::Value zembraArray) {                          \
-        return ::zembra::objectsWithArrayOfJSON<Object>(::std::move(zembraArray));                           \
-    }                                                                                                        \
-    template <class Self>                                                                                    \
-    static constexpr ::zembra::DataObjectClass::ArrayHook zembraArrayHook() {                                \
-        using ::zembra::Value;                                                                               \
-        if constexpr (requires(Self & zembraSelf, ::std::string_view zembraKey, const Value& zembraValues) { \
-                          {                                                                                  \
-                              zembraSelf.arrayPropertyForKey(zembraKey, zembraValues)                        \
-                              } -> ::std::same_as<Value>;                                                    \
-                      }) {                                                                                   \
-            return [](::zembra::QVDataObject& zembraObject, ::std::string_view zembraKey,                    \
-                      const Value& zembraValues) {                                                           \
-                return static_cast<Self&>(zembraObject).arrayPropertyForKey(zembraKey, zembraValues);        \
-            };                                                                                               \
-        } else {                                                                                             \
-            static_assert(                                                                                   \
-                !requires { &Self::arrayPropertyForKey; },                                                   \
-                "the hook is: zembra::Value arrayPropertyForKey(std::string_view key, "                      \
-                "const zembra::Value& values)");                                                             \
-            return ZembraBase::template zembraArrayHook<ZembraBase>();                                       \
-        }                                                                                                    \
-    }                                                                                                        \
-    template <class Self>                                                                                    \
-    static constexpr ::zembra::DataObjectClass::DateFormatterHook zembraDateFormatterHook() {                \
-        using Formatter = ::std::shared_ptr<const ::zembra::NSDateFormatter>;                                \
-        if constexpr (requires(Self & zembraSelf) {                                                          \
-                          { zembraSelf.dateFormatter() } -> ::std::convertible_to<Formatter>;                \
-                      }) {                                                                                   \
-            return [](::zembra::QVDataObject& zembraObject) -> Formatter {                                   \
-                return static_cast<Self&>(zembraObject).dateFormatter();                                     \
-            };                                                                                               \
-        } else {                                                                                             \
-            static_assert(                                                                                   \
-                !requires { &Self::dateFormatter; },                                                         \
-                "the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter() "               \
-                "const");                                                                                    \
-            return ZembraBase::template zembraDateFormatterHook<ZembraBase>();                               \
-        }                                                                                                    \
-    }                                                                                                        \
-    template <class Self>                                                                                    \
-    static constexpr bool zembraOverridesMapping() {                                                         \
-        return !requires {                                                                                   \
-            requires ::std::is_same_v<decltype(&Self::dataObjectClassForKey),                                \
-                                      decltype(&::zembra::QVDataObject::dataObjectClassForKey)>;             \
-            requires ::std::is_same_v<decltype(&Self::setPropertyValue),                                     \
-                                      decltype(&::zembra::QVDataObject::setPropertyValue)>;                  \
-        };                                                                                                   \
-    }                                                                                                        \
-    template <class Self, ::std::size_t... zembraIndex>                                                      \
-    static const ::zembra::DataObjectClass& zembraDescription(                                               \
-        ::std::index_sequence<zembraIndex...>) noexcept {                                                    \
-        static_assert(::zembra::detail::derivesFrom<Self, Base>,                                             \
-                      "ZMB_DATA_OBJECT must name the data-object class that this one derives from");         \
-        static constexpr ::std::array<::zembra::PropertyDescription, sizeof...(zembraIndex)>                 \
-            zembraProperties{{Self::template zembraProperty<Self>(                                           \
-                ::zembra::detail::PropertyNumber<zembraIndex + 1>{})...}};                                   \
-        static constexpr ::zembra::DataObjectClass zembraDescription{                                        \
-            {#ClassName, &typeid(Self), &::zembra::detail::classOfProperty<ZembraBase>, zembraProperties,    \
-             ::zembra::detail::creationOf<Self>()},                                                          \
-            zembraArrayHook<Self>(),                                                                         \
-            zembraDateFormatterHook<Self>(),                                                                 \
-            zembraOverridesMapping<Self>()};                                                                 \
-        return zembraDescription;                                                                            \
-    }                                                                                                        \
-                                                                                                             \
+#define ZMB_DATA_OBJECT(ClassName, Base)                                                                \
+public:                                                                                                 \
+    using ZembraClass = ClassName;                                                                      \
+    using ZembraBase = ::zembra::detail::BaseOrRoot<Base>;                                              \
+    template <class ZembraBelow>                                                                        \
+    requires(!::std::is_same_v<ZembraBelow, ClassName>) friend ::std::type_identity<ClassName>          \
+    zembraClassAbove(const ClassName*, ::zembra::detail::AskedFor<ZembraBelow>);                        \
+    template <class ZembraAny>                                                                          \
+    friend struct ::zembra::detail::DataObjectAccess;                                                   \
+    static constexpr char zembraName[] = #ClassName;                                                    \
+    static char(&zembraCount(::zembra::detail::PropertyNumber<0>))[1];                                  \
+    static const ::zembra::ClassDescription& staticClass() noexcept {                                   \
+        return ::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();             \
+    }                                                                                                   \
+    const ::zembra::DataObjectDescription* classDescription() const noexcept override {                 \
+        static_assert(::std::is_same_v<decltype(*this), const ClassName&>,                              \
+                      "ZMB_DATA_OBJECT must name the class that it stands in");                         \
+        return &::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();            \
+    }                                                                                                   \
+    /** A new object filled from `json`; `nullptr` where that is no dictionary. */                      \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                       \
+    [[nodiscard]] static ::std::shared_ptr<ZembraObject> objectWithJSON(::zembra::Value zembraJson) {   \
+        return ::zembra::objectWithJSON<ZembraObject>(::std::move(zembraJson));                         \
+    }                                                                                                   \
+    /** A new object for each dictionary in `array`, in order; `std::nullopt` where that is nothing. */ \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                       \
+    [[nodiscard]] static auto objectsWithArrayOfJSON(::zembra::Value zembraArray) {                     \
+        return ::zembra::objectsWithArrayOfJSON<ZembraObject>(::std::move(zembraArray));                \
+    }                                                                                                   \
+                                                                                                        \
 private:

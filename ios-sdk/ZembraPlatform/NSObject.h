@@ -7,6 +7,8 @@
 
 namespace zembra {
 
+struct ClassDescription;
+
 /// The signed and unsigned integer of the processor's native word.
 using NSInteger = std::intptr_t;
 using NSUInteger = std::uintptr_t;
@@ -20,6 +22,10 @@ public:
 
     /// The name of the object's actual class, without namespaces.
     [[nodiscard]] std::string className() const;
+
+    /// The description of the object's actual class, with its declared properties; `nullptr` where it has
+    /// none.
+    [[nodiscard]] virtual const ClassDescription* classDescription() const noexcept;
 
 protected:
     NSObject() = default;

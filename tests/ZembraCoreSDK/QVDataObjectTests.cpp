@@ -26,13 +26,12 @@ Value JSON(std::string_view text) {
     return value;
 }
 
-/// What the declared properties of `object` hold; those that hold nothing are left out.
-Value contents(QVDataObject& object) {
+/// What the mapping may have assigned to: the declared properties without the scalar.
+Value contents(const QVDataObject& object) {
+    const Value properties = propertiesOf(object);
     std::vector<Value::Entry> entries;
-    for (const Class* cls = &object.dynamicClass(); cls->superclass != nullptr; cls = cls->superclass())
-        for (const PropertyDescription& property : cls->properties)
-            if (const Value* value = property.storage(object); value != nullptr && !value->isNothing())
-                entries.push_back({property.name, *value});
+    for (const auto& [name, value] : properties.entries())
+        if (name != Value("visits")) entries.push_back({name, value});
     return Value::dictionary(std::move(entries));
 }
 
@@ -215,10 +214,10 @@ class Renamed : public Place {
     bool initWithJSON(Value json) override {
         return Place::initWithJSON(json.isString() ? Value::dictionary({{"name", json}}) : json);
     }
-    const Class* dataObjectClassForKey(std::string_view key) const override {
+    const ClassDescription* dataObjectClassForKey(std::string_view key) const override {
         return Place::dataObjectClassForKey(key == "title" ? "name" : key);
     }
-    void setPropertyValue(Value value, std::string_view key, const Class& cls) override {
+    void setPropertyValue(Value value, std::string_view key, const ClassDescription& cls) override {
         Place::setPropertyValue(std::move(value), key == "title" ? "name" : key, cls);
     }
 };
@@ -234,7 +233,7 @@ TEST(QVDataObjectTests, OverridesChangeTheMapping) {
 
     // A class without a line of its own has its base's properties and hooks, and still its own overrides.
     struct Plain : Place {
-        MOCK_METHOD(void, setPropertyValue, (Value, std::string_view, const Class&), (override));
+        MOCK_METHOD(void, setPropertyValue, (Value, std::string_view, const ClassDescription&), (override));
     } plain;
     EXPECT_CALL(plain, setPropertyValue).Times(2);
     EXPECT_TRUE(plain.initWithJSON(JSON(R"({"name": 1, "display_name": 2, "visits": 3})")));
@@ -245,8 +244,8 @@ TEST(QVDataObjectTests, OverridesChangeTheMapping) {
 
 TEST(ObjectRuntimeTests, DescribesClasses) {
     const Concert event;
-    EXPECT_TRUE(event.dynamicClass().isSubclassOf(Place::staticClass()));
-    EXPECT_FALSE(Place::staticClass().isSubclassOf(event.dynamicClass()));
+    EXPECT_TRUE(event.classDescription()->isSubclassOf(Place::staticClass()));
+    EXPECT_FALSE(Place::staticClass().isSubclassOf(*event.classDescription()));
     EXPECT_FALSE(Event::staticClass().isSubclassOf(Owner::staticClass()));
     EXPECT_EQ(event.dataObjectClassForKey("name"), &NSNumber::staticClass());
     EXPECT_EQ(event.dataObjectClassForKey("ownerInfo"), &Owner::staticClass());
@@ -260,7 +259,7 @@ TEST(ObjectRuntimeTests, TypedReadingAnswersNothingForOtherClasses) {
           Value(Date()), Value(std::make_shared<Owner>()), Value(std::make_shared<Place>())}) {
         Place place;
         for (const PropertyDescription& property : Place::staticClass().properties)
-            if (Value* const storage = property.storage(place)) *storage = value;
+            if (property.storage != nullptr) *property.storage(place) = value;
         EXPECT_EQ(place.name.get().has_value(), value.isString()) << value;
         EXPECT_EQ(place.rating.get().has_value(), value.isNumber() || value.isBoolean()) << value;
         EXPECT_EQ(place.createdAt.get().has_value(), value.isDate()) << value;

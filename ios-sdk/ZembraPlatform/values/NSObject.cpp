@@ -19,4 +19,8 @@ std::string NSObject::className() const {
     return scope == std::string::npos ? name : name.substr(scope + 2);
 }
 
+const ClassDescription* NSObject::classDescription() const noexcept {
+    return nullptr;
+}
+
 }  // namespace zembra

@@ -4,6 +4,6 @@ std::shared_ptr<zembra::NSObject> branchMadeInLibrary(zembra::Value json) {
     return Branch::objectWithJSON(std::move(json));
 }
 
-const zembra::Class& branchClassInLibrary() {
+const zembra::ClassDescription& branchClassInLibrary() {
     return Branch::staticClass();
 }

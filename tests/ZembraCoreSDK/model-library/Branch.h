@@ -16,4 +16,4 @@ public:
 
 /// In the library.
 ZEMBRA_EXPORT std::shared_ptr<zembra::NSObject> branchMadeInLibrary(zembra::Value json);
-ZEMBRA_EXPORT const zembra::Class& branchClassInLibrary();
+ZEMBRA_EXPORT const zembra::ClassDescription& branchClassInLibrary();

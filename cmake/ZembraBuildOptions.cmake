@@ -28,8 +28,11 @@ endif()
 # The linker's options are this tree's alone, so that an including project keeps its own.
 include(CheckCXXCompilerFlag)
 set(release "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
-target_compile_options(zembra_build_options
-                       INTERFACE "$<${release}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+target_compile_options(
+    zembra_build_options
+    INTERFACE "$<${release}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>"
+              # No path of the machine that builds stands in what is shipped.
+              "$<${release}:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build;-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>")
 foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection)
     string(MAKE_C_IDENTIFIER "ZEMBRA_HAS${flag}" has_flag)
     check_cxx_compiler_flag(${flag} ${has_flag})

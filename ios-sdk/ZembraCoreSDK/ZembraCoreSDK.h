@@ -6,6 +6,7 @@
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
 #include <ZembraCoreSDK/QVDataObject.h>
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
+#include <ZembraCoreSDK/Version.h>
 #include <ZembraCoreSDK/ZMBApplication.h>
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>
 #include <ZembraCoreSDK/ZembraCoreSDK_vers.h>

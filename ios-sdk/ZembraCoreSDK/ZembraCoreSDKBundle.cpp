@@ -1,5 +1,6 @@
 // The bundle that holds the SDK's own version; any thread.
 
+#include <ZembraCoreSDK/Version.h>
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>
 
 namespace zembra {
@@ -7,7 +8,7 @@ namespace zembra {
 std::shared_ptr<NSBundle> coreSDKBundle() {
     // Never destroyed, like the shared manager whose bundle it is.
     static const auto* const bundle = new std::shared_ptr<NSBundle>(std::make_shared<NSBundle>(
-        Value::dictionary({{"CFBundleShortVersionString", ZEMBRA_SHORT_VERSION}})));
+        Value::dictionary({{"CFBundleShortVersionString", ZEMBRA_VERSION_STRING}})));
     return *bundle;
 }
 

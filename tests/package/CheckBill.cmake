@@ -1,0 +1,21 @@
+# cmake -D BILL=<SPDX in JSON> -D DEPENDS=<field of a Debian package> -P CheckBill.cmake
+#
+# Every library that the package's dependencies name must stand in its bill of materials, with its version.
+cmake_minimum_required(VERSION 3.25)
+string(JSON count LENGTH "${BILL}" packages)
+math(EXPR last "${count} - 1")
+foreach(index RANGE 1 ${last})
+    string(JSON name GET "${BILL}" packages ${index} name)
+    string(JSON version GET "${BILL}" packages ${index} versionInfo)
+    if(NOT version MATCHES "^[0-9]")
+        message(FATAL_ERROR "${name} has the version ${version}")
+    endif()
+    list(APPEND names ${name})
+endforeach()
+string(REGEX MATCHALL "lib[a-z0-9.+-]+" libraries "${DEPENDS}")
+list(FILTER libraries EXCLUDE REGEX "zembra|-dev$")
+foreach(library IN LISTS libraries)
+    if(NOT library IN_LIST names)
+        message(FATAL_ERROR "the bill of materials lacks ${library}; it has ${names}")
+    endif()
+endforeach()

@@ -41,9 +41,9 @@ int main() {
         if (success) {
             std::cout << "registered as " << manager->accountId().text() << '\n';
             status = EXIT_SUCCESS;
-        } else if (isNetworkError(error)) {
-            std::cerr << "The sandbox does not answer: " << *error << '\n';
         } else if (error) {
+            if (error->domain() == ZMBSDKErrorDomainAuth && error->code() == ZMBSDKErrorNetwork)
+                std::cerr << "The sandbox does not answer: ";
             std::cerr << *error << '\n';
         }
         MainQueue::shared().stop();

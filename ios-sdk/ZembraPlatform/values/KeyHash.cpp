@@ -1,9 +1,12 @@
+// See the header.
+
 #include "values/KeyHash.h"
 
 #include <array>
 #include <bit>
+#include <chrono>
 #include <cstddef>
-#include <cstring>
+#include <exception>
 #include <random>
 
 namespace zembra {
@@ -12,10 +15,15 @@ namespace {
 
 using Secret = std::array<std::uint64_t, 2>;
 
-Secret drawSecret() {
-    std::random_device random;
-    const auto word = [&random] { return std::uint64_t{random()} << 32 | random(); };
-    return {word(), word()};
+Secret drawSecret() noexcept {
+    try {
+        std::random_device random;
+        const auto word = [&random] { return std::uint64_t{random()} << 32 | random(); };
+        return {word(), word()};
+    } catch (const std::exception&) {  // a system without randomness: hard to guess, at least
+        const auto now = std::chrono::system_clock::now().time_since_epoch().count();
+        return {static_cast<std::uint64_t>(now), reinterpret_cast<std::uintptr_t>(&now)};
+    }
 }
 
 }  // namespace
@@ -43,12 +51,12 @@ std::uint64_t hashOfKey(std::string_view key) noexcept {
     std::uint64_t lastWord = std::uint64_t{key.size()} << 56;
     std::uint64_t word = 0;
     for (; key.size() >= sizeof(word); key.remove_prefix(sizeof(word))) {
-        std::memcpy(&word, key.data(), sizeof(word));
+        key.copy(reinterpret_cast<char*>(&word), sizeof(word));
         absorb(word);
     }
     word = 0;
-    std::memcpy(&word, key.data(), key.size());
-    absorb(lastWord | word);
+    key.copy(reinterpret_cast<char*>(&word), key.size());
+    absorb(lastWord ^ word);
     v2 ^= 0xFF;
     for (int finalRound = 0; finalRound < 3; ++finalRound)
         round();

@@ -26,9 +26,6 @@ extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorOffsetKey[];
 
 /// From JSON text to values and back. No state; any thread.
 ///
-/// Values that are kept of a text keep little of it: a string or an array at most 2 KiB beside it, a
-/// dictionary 4 KiB.
-///
 /// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a
 /// key that stands twice in a dictionary the last value counts; zero characters inside strings are kept;
 /// whole numbers beyond 64 bits become floating. Refused: what is not well-formed UTF-8, a byte order mark,
@@ -38,16 +35,13 @@ class ZEMBRA_EXPORT NSJSONSerialization {
 public:
     static constexpr std::size_t maximumDepth = 512;
 
-    /// The bytes of capacity beyond its size that let a text be read in place.
-    static constexpr std::size_t spareCapacity = 128;
-
     NSJSONSerialization() = delete;
 
     /// The value that `text` stands for, or nothing; then `*error` (if given) says what is wrong and where.
     [[nodiscard]] static Value JSONObjectWithData(std::string_view text, NSErrorPtr* error = nullptr);
 
-    /// The same for a text that the caller gives away: its memory is freed before this returns. Where it has
-    /// `spareCapacity`, it is read in place, without a copy.
+    /// The same for a text that the caller gives away: its memory is freed before this returns. A text whose
+    /// string has some 70 bytes of capacity to spare is read in place, without a copy.
     [[nodiscard]] static Value JSONObjectWithData(std::string&& text, NSErrorPtr* error = nullptr);
     [[nodiscard]] static Value JSONObjectWithData(const char* text, NSErrorPtr* error = nullptr) {
         return JSONObjectWithData(std::string_view(text), error);

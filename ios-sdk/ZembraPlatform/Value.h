@@ -1,5 +1,8 @@
 #pragma once
 
+// `Value`, the one type for everything that JSON, properties and user information can hold. The whole SDK and
+// its hosts use it, on any thread.
+
 #include <atomic>
 #include <chrono>
 #include <concepts>
@@ -20,8 +23,6 @@ namespace zembra {
 
 /// A point in time, in microseconds since 1970-01-01T00:00:00Z.
 using Date = std::chrono::sys_time<std::chrono::microseconds>;
-
-class SlabAllocator;
 
 /// A type of whole numbers of at most 64 bits.
 template <typename T>
@@ -95,26 +96,19 @@ public:
 
     Value(const Value& other) noexcept : storage_(other.storage_) { retain(); }
     Value(Value&& other) noexcept : storage_(other.storage_) { other.storage_ = {}; }  // leaves nothing
-    Value& operator=(const Value& other) noexcept { return *this = Value(other); }
-    Value& operator=(Value&& other) noexcept {
-        // Not by swapping: halves written apart and read as a whole would stall the processor.
-        const Storage moved = other.storage_;
-        other.storage_ = {};
-        const Value old(storage_);
-        storage_ = moved;
+    Value& operator=(Value other) noexcept {
+        swap(other);
         return *this;
     }
     constexpr ~Value() {
-        if (isCounted()) release();
+        if (hasContents()) release();
     }
     void swap(Value& other) noexcept { std::swap(storage_, other.storage_); }
 
     // Asking what a value is
     // ---------------------------------------------------------------------------------
 
-    [[nodiscard]] Type type() const noexcept {
-        return storage_.kind == kLongString ? Type::string : static_cast<Type>(storage_.kind);
-    }
+    [[nodiscard]] Type type() const noexcept { return storage_.type; }
     [[nodiscard]] bool isNothing() const noexcept { return type() == Type::nothing; }
     [[nodiscard]] bool isNull() const noexcept { return type() == Type::null; }
     [[nodiscard]] bool isBoolean() const noexcept { return type() == Type::boolean; }
@@ -165,9 +159,6 @@ public:
     /// Element `index` of an array, nothing where there is none.
     [[nodiscard]] const Value& operator[](std::integral auto index) const noexcept;
 
-    /// Whether a dictionary holds null under any key; known without a search. False for everything else.
-    [[nodiscard]] bool containsNull() const noexcept { return isDictionary() && storage_.containsNull; }
-
     /// Element `index` of an array, the value of entry `index` of a dictionary, nothing where there is none.
     /// Where nobody else holds the array or dictionary, the element is moved out and leaves nothing in its
     /// place (null stays null); else it is copied. This is for consuming a value that is let go afterwards.
@@ -190,56 +181,39 @@ public:
     ZEMBRA_EXPORT friend std::ostream& operator<<(std::ostream& stream, const Value& value);
 
 private:
-    friend class SlabAllocator;
     friend class ValueBuilder;
 
-    // A scalar or a short string lies in the value itself. Everything else has contents elsewhere: the number
-    // of its holders, then the characters, the items or the `std::shared_ptr`. The count of characters or
-    // items stands in the value, so asking for it touches no other memory. Contents are an allocation of
-    // their own, or lie in a slab, which the decoder allocates for several of them.
-    struct Contents {
+    /// What strings beyond fourteen bytes, arrays, dictionaries and objects have in memory of their own: the
+    /// number of their holders, then the characters, the items or the `std::shared_ptr`.
+    struct alignas(std::int64_t) Contents {
         std::atomic<std::uintptr_t> holders;
     };
-    static constexpr std::uint8_t kLongString = 11;  // kinds are `Type`s, except this one
     static constexpr std::size_t kShortStringCapacity = 14;
+    static constexpr std::uint8_t kHasContents = 0xFF;
     struct Storage {
-        union {
+        union {  // the bytes of a short string start here
             std::int64_t integer = 0;
             std::uint64_t unsignedInteger;
             double floating;
             bool boolean;
             Contents* contents;
         };
-        std::uint32_t count = 0;       // where `contents` stands
-        std::uint16_t slabOffset = 0;  // and theirs in their slab, in units of 8 bytes; 0 where there is none
-        union {
-            std::uint8_t shortStringLength = 0;  // a short string takes the bytes up to here
-            bool containsNull;                   // of a dictionary
-        };
-        std::uint8_t kind = 0;
+        std::uint32_t count = 0;  // of the characters or items in `contents`
+        std::uint16_t unused = 0;
+        std::uint8_t shortStringLength = 0;  // or `kHasContents`
+        Type type = Type::nothing;
     };
-    struct Slab;
 
-    explicit Value(const Storage& storage) noexcept : storage_(storage) {}
-
-    [[nodiscard]] constexpr bool isCounted() const noexcept {
-        return storage_.kind >= static_cast<std::uint8_t>(Type::array);
+    [[nodiscard]] constexpr bool hasContents() const noexcept {
+        return storage_.shortStringLength == kHasContents;
     }
     void retain() const noexcept {
-        if (isCounted()) storage_.contents->holders.fetch_add(1, std::memory_order_relaxed);
+        if (hasContents()) storage_.contents->holders.fetch_add(1, std::memory_order_relaxed);
     }
     void release() noexcept;
-    [[nodiscard]] static Storage allocate(std::uint8_t kind, std::size_t count, std::size_t byteCount,
-                                          SlabAllocator* slabs = nullptr);
-    [[nodiscard]] static Storage shortString(const char* characters, std::size_t length) noexcept;
+    void allocate(Type type, std::size_t count, std::size_t byteCount);
     static void freeContents(const Storage& storage) noexcept;
     static void destroy(Storage dead) noexcept;
-
-    // Take the parts over as bytes: the caller forgets them without destroying them.
-    [[nodiscard]] static Value arrayOfParts(const Value* elements, std::size_t count,
-                                            SlabAllocator* slabs = nullptr);
-    [[nodiscard]] static Value dictionaryOfParts(const Value* keysAndValues, std::size_t count,
-                                                 SlabAllocator* slabs = nullptr);
 
     [[nodiscard]] Value* items() const noexcept { return reinterpret_cast<Value*>(storage_.contents + 1); }
     [[nodiscard]] const std::shared_ptr<NSObject>& object() const noexcept;
@@ -259,49 +233,29 @@ struct Value::Entry {
 
 Value::Value(std::same_as<bool> auto boolean) noexcept {
     storage_.boolean = boolean;
-    storage_.kind = static_cast<std::uint8_t>(Type::boolean);
+    storage_.type = Type::boolean;
 }
 
 Value::Value(WholeNumber auto number) noexcept {
     if (std::in_range<std::int64_t>(+number)) {
         storage_.integer = static_cast<std::int64_t>(number);
-        storage_.kind = static_cast<std::uint8_t>(Type::integer);
+        storage_.type = Type::integer;
     } else {
         storage_.unsignedInteger = static_cast<std::uint64_t>(number);
-        storage_.kind = static_cast<std::uint8_t>(Type::unsignedInteger);
+        storage_.type = Type::unsignedInteger;
     }
 }
 
 Value::Value(std::floating_point auto number) noexcept {
     storage_.floating = static_cast<double>(number);
-    storage_.kind = static_cast<std::uint8_t>(Type::floating);
-}
-
-inline Value::Value(Date date) noexcept {
-    storage_.integer = date.time_since_epoch().count();
-    storage_.kind = static_cast<std::uint8_t>(Type::date);
-}
-
-inline Value Value::null() noexcept {
-    Value null;
-    null.storage_.kind = static_cast<std::uint8_t>(Type::null);
-    return null;
-}
-
-inline std::optional<bool> Value::boolean() const noexcept {
-    return isBoolean() ? std::optional(storage_.boolean) : std::nullopt;
+    storage_.type = Type::floating;
 }
 
 inline std::optional<std::string_view> Value::string() const& noexcept {
-    if (storage_.kind == kLongString)
+    if (!isString()) return std::nullopt;
+    if (hasContents())
         return std::string_view(reinterpret_cast<const char*>(storage_.contents + 1), storage_.count);
-    if (storage_.kind == static_cast<std::uint8_t>(Type::string))
-        return std::string_view(reinterpret_cast<const char*>(&storage_), storage_.shortStringLength);
-    return std::nullopt;
-}
-
-inline std::optional<Date> Value::date() const noexcept {
-    return isDate() ? std::optional(Date(Date::duration(storage_.integer))) : std::nullopt;
+    return std::string_view(reinterpret_cast<const char*>(&storage_), storage_.shortStringLength);
 }
 
 template <std::derived_from<NSObject> Object>

@@ -1,4 +1,6 @@
-#include "json/ValueText.h"
+// See the header.
+
+#include "json/JSONWriter.h"
 
 #include <array>
 #include <charconv>
@@ -9,6 +11,7 @@
 #include <ostream>
 #include <string_view>
 
+#include <ZembraPlatform/NSJSONSerialization.h>
 #include <ZembraPlatform/NSString.h>
 
 namespace zembra {
@@ -17,13 +20,13 @@ namespace {
 
 class Writer {
 public:
-    Writer(std::string& text, TextStyle style) : text_(text), style_(style) {}
+    Writer(std::string& text, JSONStyle style) : text_(text), style_(style) {}
 
     /// `depth` is the number of arrays and dictionaries around `value`.
     void write(const Value& value, std::size_t depth) {
         switch (value.type()) {
             case Value::Type::nothing:
-                text_ += style_ == TextStyle::json ? "null" : "(nothing)";
+                text_ += style_ == JSONStyle::strict ? "null" : "(nothing)";
                 break;
             case Value::Type::null:
                 text_ += "null";
@@ -50,17 +53,17 @@ public:
                 break;
             case Value::Type::array:
             case Value::Type::dictionary:
-                if (depth < kMaximumJSONDepth) {
+                if (depth < NSJSONSerialization::maximumDepth) {
                     value.isArray() ? writeArray(value, depth) : writeDictionary(value, depth);
                 } else {
-                    text_ += style_ == TextStyle::json ? "null" : "...";
+                    text_ += style_ == JSONStyle::strict ? "null" : "...";
                 }
                 break;
             case Value::Type::object: {
-                const bool isJSON = style_ == TextStyle::json;
-                text_ += isJSON ? '"' : '<';
+                const bool isStrict = style_ == JSONStyle::strict;
+                text_ += isStrict ? '"' : '<';
                 text_ += value.as()->className();
-                text_ += isJSON ? '"' : '>';
+                text_ += isStrict ? '"' : '>';
                 break;
             }
         }
@@ -98,7 +101,7 @@ private:
     /// With a fraction or an exponent always, so that it is read back as what it is.
     void writeFloating(double number) {
         if (!std::isfinite(number)) {
-            if (style_ == TextStyle::json) {
+            if (style_ == JSONStyle::strict) {
                 text_ += "null";
             } else {
                 text_ += std::isnan(number) ? "nan" : number < 0 ? "-inf" : "inf";
@@ -190,12 +193,12 @@ private:
     }
 
     std::string& text_;
-    const TextStyle style_;
+    const JSONStyle style_;
 };
 
 }  // namespace
 
-void appendText(std::string& text, const Value& value, TextStyle style) {
+void appendJSON(std::string& text, const Value& value, JSONStyle style) {
     Writer(text, style).write(value, 0);
 }
 
@@ -203,13 +206,13 @@ std::string Value::text() const {
     if (isString()) return std::string(*string());
     if (isObject()) return object()->className();
     std::string text;
-    if (!isNothing()) appendText(text, *this, TextStyle::json);
+    if (!isNothing()) appendJSON(text, *this, JSONStyle::strict);
     return text;
 }
 
 std::ostream& operator<<(std::ostream& stream, const Value& value) {
     std::string text;
-    appendText(text, value, TextStyle::forPeople);
+    appendJSON(text, value, JSONStyle::forPeople);
     return stream << text;
 }
 

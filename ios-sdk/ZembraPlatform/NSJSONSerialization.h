@@ -1,5 +1,8 @@
 #pragma once
 
+// JSON text to values and back: the HTTP client decodes answers with it, hosts decode and write with it, on
+// any thread.
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -15,24 +18,25 @@ extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorDomain[];
 
 enum NSJSONSerializationErrorCode : NSInteger {
     NSJSONSerializationErrorMalformed = 1,
-    NSJSONSerializationErrorTooDeep =
-        2,  ///< More than `maximumDepth` arrays and dictionaries inside each other.
-    NSJSONSerializationErrorTooLarge = 3,  ///< 4 GiB or more.
-    NSJSONSerializationErrorNoArray = 4,   ///< JSON, but no array where one was asked for.
+    NSJSONSerializationErrorTooDeep = 2,        ///< More than `maximumDepth` levels.
+    NSJSONSerializationErrorTooLarge = 3,       ///< 4 GiB or more.
+    NSJSONSerializationErrorNoArray = 4,        ///< JSON, but no array where one was asked for.
+    NSJSONSerializationErrorForeignObject = 5,  ///< To be written: an object without declared properties.
 };
 
-/// The key of such an error's user information under which the byte offset of the fault stands, a number.
+/// In the user information of an error about a text: the byte offset of the fault, a number.
 extern "C" ZEMBRA_EXPORT const char NSJSONSerializationErrorOffsetKey[];
 
 /// From JSON text to values and back. No state; any thread.
 ///
-/// Decoding takes any JSON text of RFC 8259 in UTF-8, a bare string, number, boolean or null included. Of a
-/// key that stands twice in a dictionary the last value counts; zero characters inside strings are kept;
-/// whole numbers beyond 64 bits become floating. Refused: what is not well-formed UTF-8, a byte order mark,
-/// lone surrogates, numbers beyond a `double`'s range or with an exponent of more than 18 digits, text after
-/// the value, more than `maximumDepth` levels.
+/// Any JSON text of RFC 8259 in UTF-8 is decoded, also a bare string, number, boolean or null. A key that
+/// stands twice in a dictionary has its last value. Zero characters inside strings are kept. Whole numbers
+/// beyond 64 bits become floating. Refused are malformed UTF-8, a byte order mark, lone surrogates, numbers
+/// beyond a `double`'s range or with an exponent of more than 18 digits, text after the value, and more than
+/// `maximumDepth` levels.
 class ZEMBRA_EXPORT NSJSONSerialization {
 public:
+    /// The largest number of arrays and dictionaries inside each other.
     static constexpr std::size_t maximumDepth = 512;
 
     NSJSONSerialization() = delete;
@@ -47,19 +51,22 @@ public:
         return JSONObjectWithData(std::string_view(text), error);
     }
 
-    /// Hands each element of the array that `text` stands for to `receive` as soon as it is decoded, in
-    /// order, so that a long list is never in memory as a whole. False where the text is no array or turns
-    /// out not to be JSON; then `*error` (if given) says why, and elements that stand before the fault may
-    /// have been received. An exception of `receive` ends it and passes on. The text's memory is freed before
-    /// this returns.
+    /// Calls `receive` with each element of the array that `text` stands for, in order, as soon as it is
+    /// decoded: a long list is never in memory as a whole. False where the text is no array or no JSON; then
+    /// `*error` (if given) says why, and `receive` may have got the elements before the fault. What `receive`
+    /// throws ends the decoding and passes on. The text's memory is freed before this returns.
     static bool enumerateArrayWithData(std::string&& text, const std::function<void(Value element)>& receive,
                                        NSErrorPtr* error = nullptr);
 
-    /// Compact JSON text, always well-formed: bytes that are no UTF-8 become U+FFFD, a date its ISO 8601
-    /// text, an object the string of its class name, nothing and numbers that JSON cannot say (infinities)
-    /// become null. Floating numbers have a fraction or an exponent and are read back as the same number.
-    /// Arrays and dictionaries inside `maximumDepth` others are written as null.
-    [[nodiscard]] static std::string dataWithJSONObject(const Value& value);
+    /// Compact JSON text of `value`, always well-formed. An object is written as the dictionary of its
+    /// declared properties (a base class's first, in order of declaration, those that hold nothing left out),
+    /// a date as its ISO 8601 text, nothing and infinities as null, a byte that is no UTF-8 as U+FFFD. A
+    /// floating number has a fraction or an exponent and is read back as the same number. An array or a
+    /// dictionary below `maximumDepth` others is written as null.
+    ///
+    /// The empty text where `value` holds an object whose class declares no properties (an error, say); then
+    /// `*error` (if given) names the class.
+    [[nodiscard]] static std::string dataWithJSONObject(const Value& value, NSErrorPtr* error = nullptr);
 };
 
 }  // namespace zembra

@@ -362,5 +362,22 @@ TEST(QVDataObjectDeathTests, AnEndlessKeyStopsTheInitialization) {
     EXPECT_NE(Place::objectWithJSON(withoutEndlessKeys(JSON(R"({"address_line1": 1})"))), nullptr);
 }
 
+TEST(QVDataObjectTests, AreWrittenAsJSONUnderTheirPropertyNames) {
+    struct Local : NSObject {};
+    const auto place =
+        Place::objectWithJSON(JSON(R"({"rating": 4.5, "display_name": "Mill", "tags": ["a"]})"));
+    const auto owner = std::make_shared<Owner>();
+    owner->home = place;
+    EXPECT_EQ(NSJSONSerialization::dataWithJSONObject(Value::array({Value(owner)})),
+              R"([{"home":{"displayName":"Mill","rating":4.5,"tags":["a"],"visits":0}}])");
+    place->name = Value(std::make_shared<Local>());
+    NSErrorPtr error;
+    EXPECT_EQ(NSJSONSerialization::dataWithJSONObject(owner, &error), "");
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), NSJSONSerializationErrorForeignObject);
+    EXPECT_NE(error->userInfo().text().find("an object of class Local,"), std::string::npos) << *error;
+    EXPECT_EQ(Value(owner).text(), "Owner");
+}
+
 }  // namespace
 }  // namespace zembra

@@ -13,6 +13,7 @@
 
 #include <ZembraPlatform/NSJSONSerialization.h>
 #include <ZembraPlatform/NSString.h>
+#include <ZembraPlatform/ObjectRuntime.h>
 
 namespace zembra {
 
@@ -59,15 +60,14 @@ public:
                     text_ += style_ == JSONStyle::strict ? "null" : "...";
                 }
                 break;
-            case Value::Type::object: {
-                const bool isStrict = style_ == JSONStyle::strict;
-                text_ += isStrict ? '"' : '<';
-                text_ += value.as()->className();
-                text_ += isStrict ? '"' : '>';
+            case Value::Type::object:
+                writeObject(*value.as(), depth);
                 break;
-            }
         }
     }
+
+    /// The class name of the first object that JSON cannot say, or the empty string.
+    [[nodiscard]] const std::string& foreignClass() const { return foreignClass_; }
 
 private:
     void writeArray(const Value& array, std::size_t depth) {
@@ -90,6 +90,18 @@ private:
             separator = ',';
         }
         text_ += dictionary.count() == 0 ? "{}" : "}";
+    }
+
+    void writeObject(const NSObject& object, std::size_t depth) {
+        const Value properties = style_ == JSONStyle::strict ? propertiesOf(object) : Value();
+        if (!properties.isNothing()) return write(properties, depth);
+        const std::string name = object.className();
+        if (style_ == JSONStyle::forPeople) {
+            text_.append(1, '<').append(name).append(1, '>');
+        } else {
+            writeString(name);
+            if (foreignClass_.empty()) foreignClass_ = name;
+        }
     }
 
     void writeNumber(auto number) {
@@ -123,7 +135,7 @@ private:
             text_ += string.substr(0, length);
             string.remove_prefix(length);
             if (string.empty()) break;
-            if (static_cast<signed char>(string.front()) >= 0) {
+            if (static_cast<unsigned char>(string.front()) < 0x80) {
                 writeEscape(string.front());
                 string.remove_prefix(1);
             } else if (const std::size_t size = lengthOfUTF8Character(string); size != 0) {
@@ -194,12 +206,15 @@ private:
 
     std::string& text_;
     const JSONStyle style_;
+    std::string foreignClass_;
 };
 
 }  // namespace
 
-void appendJSON(std::string& text, const Value& value, JSONStyle style) {
-    Writer(text, style).write(value, 0);
+std::string appendJSON(std::string& text, const Value& value, JSONStyle style) {
+    Writer writer(text, style);
+    writer.write(value, 0);
+    return writer.foreignClass();
 }
 
 std::string Value::text() const {

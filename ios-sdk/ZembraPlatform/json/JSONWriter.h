@@ -14,7 +14,8 @@ enum class JSONStyle {
     forPeople,  ///< As `operator<<` of `Value` says.
 };
 
-/// Appends `value` in the given style.
-void appendJSON(std::string& text, const Value& value, JSONStyle style);
+/// Appends `value` in the given style. In strict style it returns the class name of the first object inside
+/// whose class declares no properties, which has its class name in the text; else the empty string.
+std::string appendJSON(std::string& text, const Value& value, JSONStyle style);
 
 }  // namespace zembra

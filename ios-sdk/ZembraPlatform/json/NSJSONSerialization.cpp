@@ -65,10 +65,18 @@ bool NSJSONSerialization::enumerateArrayWithData(std::string&& text,
     return false;
 }
 
-std::string NSJSONSerialization::dataWithJSONObject(const Value& value) {
+std::string NSJSONSerialization::dataWithJSONObject(const Value& value, NSErrorPtr* error) {
     std::string text;
-    appendJSON(text, value, JSONStyle::strict);
-    return text;
+    const std::string foreignClass = appendJSON(text, value, JSONStyle::strict);
+    if (foreignClass.empty()) return text;
+    if (error != nullptr) {
+        const std::string description = "The value cannot be written as JSON: it holds an object of class " +
+                                        foreignClass + ", which declares no properties.";
+        *error =
+            NSError::errorWithDomain(NSJSONSerializationErrorDomain, NSJSONSerializationErrorForeignObject,
+                                     Value::dictionary({{NSLocalizedDescriptionKey, description}}));
+    }
+    return {};
 }
 
 }  // namespace zembra

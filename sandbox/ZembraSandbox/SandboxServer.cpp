@@ -374,10 +374,13 @@ private:
                 response.set_content(answer.body, answer.contentType);
                 break;
             case Delivery::truncated:
+                // TLS ends in order here: whether cpp-httplib says so after a failure differs by version.
                 response.set_content_provider(answer.body.size(), answer.contentType,
                                               [half = answer.body.substr(0, answer.body.size() / 2)](
-                                                  std::size_t offset, std::size_t, httplib::DataSink& sink) {
-                                                  return offset == 0 && sink.write(half.data(), half.size());
+                                                  std::size_t, std::size_t, httplib::DataSink& sink) {
+                                                  if (sink.write(half.data(), half.size()))
+                                                      SSL_shutdown(currentConnection.ssl);
+                                                  return false;
                                               });
                 break;
             case Delivery::never:

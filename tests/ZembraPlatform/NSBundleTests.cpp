@@ -75,6 +75,7 @@ TEST(InfoDictionary, IsEmptyAndSaysWhyWhereTheFileCannotBeUsed) {
     constexpr NSInteger kMalformed = NSBundleErrorFileMalformed;
     const std::tuple<std::shared_ptr<NSBundle>, NSInteger, const char*> cases[] = {
         {NSBundle::bundleWithInfoFile("/a/b"), NSBundleErrorFileNotFound, "/a/b cannot be used: there is no"},
+        {NSBundle::bundleWithInfoFile("/etc/passwd/b"), NSBundleErrorFileNotFound, "there is no such file"},
         {NSBundle::bundleWithInfoFile("/"), NSBundleErrorFileNotReadable, "/ cannot be used: Is a directory"},
         {bundleWith(""), kMalformed, "no XML property list"},
         {bundleWith("client id = 5"), kMalformed, "no XML property list"},

@@ -99,9 +99,9 @@ std::string printed(std::function<void(std::function<void(const NSErrorPtr&)>)> 
     ZMBApplication::configureApplication([failed](bool, const NSErrorPtr& error) { failed(error); });
 }) {
     std::ostringstream text;
+    if (const auto info = NSBundle::mainBundle()->infoDictionaryError()) text << *info << '\n';
     start([&](const NSErrorPtr& error) {
         if (error) text << *error << '\n';
-        if (const auto info = NSBundle::mainBundle()->infoDictionaryError()) text << *info << '\n';
         queue().stop();
     });
     queue().runFor(30s);

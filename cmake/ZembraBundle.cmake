@@ -5,6 +5,9 @@
 # States the target's bundle configuration: writes <executable name>.Info.plist beside the executable, where
 # NSBundle::mainBundle() looks first. With INSTALL it is also installed, as share/<executable name>/Info.plist, where
 # it looks next. An argument that is left out leaves out its key.
+if(POLICY CMP0174)
+    cmake_policy(SET CMP0174 NEW) # An empty argument is no mistake.
+endif()
 function(zembra_bundle target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "INSTALL" "CLIENT_ID;BUNDLE_ID;VERSION;NAME" "")
     if(arg_UNPARSED_ARGUMENTS)

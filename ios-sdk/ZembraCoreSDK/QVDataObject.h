@@ -1,5 +1,10 @@
 #pragma once
 
+#ifndef __cpp_rtti
+#error "data objects need run-time types: compile without -fno-rtti"
+#include <the_error_above_says_why>  // Ends the compilation there.
+#endif
+
 #include <array>
 #include <cstddef>
 #include <memory>

@@ -1,10 +1,12 @@
 #pragma once
 
-// Everything that the SDK publishes, in one line.
+// Everything that the SDK publishes, in one line; without run-time types (-fno-rtti) all but data objects.
 
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
+#ifdef __cpp_rtti
 #include <ZembraCoreSDK/QVDataObject.h>
+#endif
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
 #include <ZembraCoreSDK/Version.h>
 #include <ZembraCoreSDK/ZMBApplication.h>

@@ -63,6 +63,9 @@ private:
     const Value userInfo_;
 };
 
+// Instantiated in the library, so that hosts without run-time types can ask, too.
+extern template ZEMBRA_EXPORT std::shared_ptr<NSError> Value::as<NSError>() const;
+
 /// How an error is handed around: owned together, `nullptr` where there is none.
 using NSErrorPtr = std::shared_ptr<NSError>;
 

@@ -1,11 +1,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
-#include <ZembraPlatform/NSObject.h>
+#include <ZembraPlatform/Value.h>
 
 namespace zembra {
 
@@ -74,5 +75,8 @@ private:
     const NSInteger statusCode_;
     const HeaderFields headerFields_;
 };
+
+// Instantiated in the library, so that hosts without run-time types can ask, too.
+extern template ZEMBRA_EXPORT std::shared_ptr<NSHTTPURLResponse> Value::as<NSHTTPURLResponse>() const;
 
 }  // namespace zembra

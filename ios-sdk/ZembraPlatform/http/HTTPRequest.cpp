@@ -17,7 +17,7 @@ namespace {
 using namespace std::string_view_literals;
 
 bool isControl(char c) noexcept {
-    return (c >= '\0' && c < ' ') || c == '\x7F';
+    return static_cast<unsigned char>(c) < ' ' || c == '\x7F';
 }
 
 /// Whether a field name may hold `c`: the token characters of RFC 9110.

@@ -18,6 +18,8 @@ NSError::NSError(std::string domain, NSInteger code, Value userInfo)
 
 NSError::~NSError() = default;
 
+template std::shared_ptr<NSError> Value::as<NSError>() const;
+
 std::string NSError::localizedDescription() const {
     const Value& description = userInfo()[NSLocalizedDescriptionKey];
     if (const auto text = description.string(); text && !text->empty()) return std::string(*text);

@@ -23,4 +23,6 @@ NSHTTPURLResponse::NSHTTPURLResponse(NSURL url, NSInteger statusCode, HeaderFiel
 
 NSHTTPURLResponse::~NSHTTPURLResponse() = default;
 
+template std::shared_ptr<NSHTTPURLResponse> Value::as<NSHTTPURLResponse>() const;
+
 }  // namespace zembra

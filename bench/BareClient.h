@@ -1,6 +1,5 @@
 #pragma once
 
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,15 +13,13 @@ class BareClient {
 public:
     using Fields = std::vector<std::pair<std::string, std::string>>;
 
-    /// Sends `fields` with every request. Trusts the system's authorities and `authority`, PEM text, in a
-    /// file of its own: what comes from a file is parsed once, not for every connection.
-    BareClient(const std::string& address, const std::string& authority, const Fields& fields);
+    /// Sends `fields` with every request. Trusts the authorities in `authorityFile`, PEM text, and those of
+    /// `authorityDirectory`, hashed, if it is not empty.
+    BareClient(const std::string& address, const std::string& authorityFile,
+               const std::string& authorityDirectory, const Fields& fields = {});
     ~BareClient();
     BareClient(const BareClient&) = delete;
     BareClient& operator=(const BareClient&) = delete;
-
-    /// Whether answers may come compressed, which they do unless it is said otherwise.
-    void setCompressed(bool isCompressed);
 
     /// Posts a form; false where no answer came or its status is not 200.
     [[nodiscard]] bool post(const std::string& form);
@@ -30,7 +27,6 @@ public:
 private:
     void* const easy_;
     void* headers_ = nullptr;
-    const std::filesystem::path authorityFile_;
     std::string answer_;
 };
 

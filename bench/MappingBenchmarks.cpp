@@ -94,11 +94,6 @@ void addAll() {
 
     add<Zembra>("shuffled keys", "ZembraCoreSDK", {10'000}, KeyOrder::shuffled);
     add<SimdjsonDOM>("shuffled keys", "simdjson DOM, by hand", {10'000}, KeyOrder::shuffled);
-    add<Zembra>("missing keys", "ZembraCoreSDK", {10'000}, KeyOrder::fixed, MissingKeys::some);
-    add<SimdjsonDOM>("missing keys", "simdjson DOM, by hand", {10'000}, KeyOrder::fixed, MissingKeys::some);
-
-    add<Zembra>("growth", "ZembraCoreSDK", {1'000, 10'000, 100'000, 1'000'000});
-    add<SimdjsonOnDemand>("growth", "simdjson On-Demand, by hand", {1'000, 10'000, 100'000, 1'000'000});
 }
 
 }  // namespace

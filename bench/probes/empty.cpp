@@ -1,2 +1,0 @@
-// A program that does nothing.
-int main() {}

@@ -22,23 +22,23 @@ using namespace zembra;
 namespace {
 
 /// How one exchange ended.
-struct Outcome {
+struct Ending {
     bool success = false;
     NSErrorPtr error;
     Value memberToken;
 };
 
-/// Starts an exchange, which hands its outcome to the function it is given, and drains the main queue until
+/// Starts an exchange, which hands how it ended to the function it is given, and drains the main queue until
 /// it does.
-Outcome waitFor(const std::function<void(std::function<void(Outcome)>)>& start) {
-    std::optional<Outcome> outcome;
-    start([&](Outcome received) { outcome = std::move(received); });
-    if (!MainQueue::shared().runUntil([&] { return outcome.has_value(); }, 30s))
+Ending waitFor(const std::function<void(std::function<void(Ending)>)>& start) {
+    std::optional<Ending> ending;
+    start([&](Ending received) { ending = std::move(received); });
+    if (!MainQueue::shared().runUntil([&] { return ending.has_value(); }, 30s))
         throw std::runtime_error("no callback came");
-    return *std::move(outcome);
+    return *std::move(ending);
 }
 
-Outcome registerHost() {
+Ending registerHost() {
     return waitFor([](auto done) {
         ZMBApplication::configureApplication([done](bool success, const NSErrorPtr& error) {
             done({success, error, {}});
@@ -46,7 +46,7 @@ Outcome registerHost() {
     });
 }
 
-Outcome refreshMember(const std::string& refreshToken) {
+Ending refreshMember(const std::string& refreshToken) {
     return waitFor([&](auto done) {
         ZMBSDKAuthManager::sharedManager()->refreshMemberToken(
             refreshToken,
@@ -64,36 +64,30 @@ const char* presence(const Value& token) {
     return token.isNothing() ? "absent" : "present";
 }
 
-void print(const std::string& what, const Outcome& outcome) {
+void print(const std::string& what, const Ending& ending) {
     constexpr std::size_t kColumn = 28;
     std::cout << "  " << what << std::string(what.size() < kColumn ? kColumn - what.size() : 1, ' ');
-    if (outcome.success) {
+    if (ending.success) {
         std::cout << "ok\n";
-    } else if (!outcome.error) {
+    } else if (!ending.error) {
         std::cout << "failed without an error\n";
-    } else if (const Value& message = outcome.error->userInfo()[kZMBSDKErrorInfoKey]; message.isNothing()) {
-        std::cout << *outcome.error << '\n';
     } else {
-        std::cout << outcome.error->domain() << ' ' << outcome.error->code() << " \"" << message.text()
-                  << '"';
-        if (const auto cause = outcome.error->userInfo()[NSUnderlyingErrorKey].as<NSError>())
-            std::cout << " because of " << *cause;
-        std::cout << '\n';
+        std::cout << *ending.error << '\n';
     }
 }
 
 int failures = 0;
 
-/// Prints an outcome and counts it where it is not the one that was to come: success, or an error of this
-/// domain and code.
-void expect(const std::string& what, const Outcome& outcome, std::optional<NSInteger> code,
+/// Prints how an exchange ended and counts it where it was to end otherwise: with success, or an error of
+/// this domain and code.
+void expect(const std::string& what, const Ending& ending, std::optional<NSInteger> code,
             const std::string& domain = ZMBSDKErrorDomainAuth) {
-    print(what, outcome);
+    print(what, ending);
     const bool isExpected =
-        code ? outcome.error && outcome.error->domain() == domain && outcome.error->code() == *code
-             : outcome.success;
+        code ? ending.error && ending.error->domain() == domain && ending.error->code() == *code
+             : ending.success;
     if (!isExpected) {
-        std::cerr << "zembra-host: " << what << ": not the expected outcome\n";
+        std::cerr << "zembra-host: " << what << ": not as expected\n";
         ++failures;
     }
 }
@@ -116,7 +110,7 @@ int run() {
               << platfromString(UIDevice::currentDevice()) << '\n';
 
     std::cout << "Refreshing a member's token\n";
-    const Outcome refreshed = refreshMember("sandbox.member");
+    const Ending refreshed = refreshMember("sandbox.member");
     expect("refresh", refreshed, std::nullopt);
     std::cout << "  member token                " << presence(refreshed.memberToken) << '\n';
     expect("unknown member", refreshMember("no such refresh token"), ZMBSDKErrorServerSide);

@@ -26,7 +26,7 @@ set(library_of_bundles "<plist/plist\\.h>")
 set(library_of_http "<curl/curl\\.h>")
 
 set(standard "<[a-z_0-9]+>")
-set(system "<(linux|sys)/[a-z]+\\.h>|<(cxxabi|dirent|fcntl|poll|pthread|semaphore|signal|unistd)\\.h>")
+set(system "<(linux|netinet|sys)/[a-z]+\\.h>|<(cxxabi|dirent|fcntl|poll|pthread|semaphore|signal|unistd)\\.h>")
 
 # allow(<regular expression of include operands that are allowed> <file>...)
 function(allow allowed)

@@ -89,6 +89,47 @@ TEST(AFHTTPSessionManagerTimeTest, FailsWhenNothingMovedForTheTimeoutInEveryPhas
     }
 }
 
+/// Takes connections at an address and a port, the first one for ever, and answers none.
+class SilentListener {
+public:
+    SilentListener(const char* address, const std::string& port)
+        : listener_(::BIO_new_accept((std::string(address) + ':' + port).c_str()), &::BIO_free_all) {
+        ::BIO_set_bind_mode(listener_.get(), BIO_SOCK_REUSEADDR);
+        if (BIO_do_accept(listener_.get()) != 1) std::abort();
+        const auto descriptor = static_cast<int>(BIO_get_fd(listener_.get(), nullptr));
+        ::listen(descriptor, 0);
+        sockaddr_storage own{};
+        socklen_t size = sizeof own;
+        ::getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size);
+        first_ = ::socket(own.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::connect(first_, reinterpret_cast<sockaddr*>(&own), size) != 0) std::abort();
+    }
+    ~SilentListener() { ::close(first_); }
+    SilentListener(const SilentListener&) = delete;
+    SilentListener& operator=(const SilentListener&) = delete;
+
+private:
+    const std::unique_ptr<BIO, decltype(&::BIO_free_all)> listener_;
+    int first_ = -1;
+};
+
+TEST(AFHTTPSessionManagerTimeTest, AHostIsReachedWhoseFirstAddressesDoNotAnswer) {
+    TLSServerOptions options;
+    for (const auto& host : kHostsOfSeveralAddresses)
+        options.names.push_back("DNS:"s + host.name);
+    const TLSServer server(answering(), options);
+    const std::string address = server.address();
+    const std::string port = address.substr(address.rfind(':') + 1, address.size() - address.rfind(':') - 2);
+    const SilentListener second("127.0.0.2", port), third("127.0.0.3", port), ipv6("[::1]", port);
+    const auto client = clientOf(server.address());
+    client->requestSerializer().setTimeoutInterval(3s);
+    std::vector<OutcomePtr> outcomes;
+    for (const auto& host : kHostsOfSeveralAddresses)
+        outcomes.push_back(startPOST(*client, server.address(host.name)));
+    for (const auto& outcome : outcomes)
+        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
+}
+
 TEST(AFHTTPSessionManagerTimeTest, RequestsThatWaitForAConnectionDoNotAge) {
     const TLSServer server([](Connection& connection) {
         while (!connection.readRequest().empty() && connection.wait(500ms) && connection.answer()) {

@@ -67,6 +67,9 @@ std::vector<ClientFault> clientFaults() {
     const std::string okay = "HTTP/1.1 200 OK\r\n"s + kJSON;
     const std::string compressed = kJSON + "Content-Encoding: deflate\r\n"s;
     const std::string megabyte(1 << 20, ' ');
+    std::string emptyBlocks;  // of deflate: stored, with no byte in them
+    while (emptyBlocks.size() < megabyte.size())
+        emptyBlocks.append("\0\0\0\xFF\xFF", 5);
     static const auto stranger = sandbox::makeCertificate({.commonName = "Stranger", .isAuthority = true});
 
     std::vector<ClientFault> faults;
@@ -108,6 +111,10 @@ std::vector<ClientFault> clientFaults() {
         {{"body without end", atServer(sayingForever(okay + "\r\n", megabyte))},
          {"header without end", atServer(sayingForever(okay, "X-More: and more\r\n"))},
          {"header line without end", atServer(sayingForever(okay + "X-Long: ", megabyte))},
+         {"chunk extension without end",
+          atServer(sayingForever(okay + "Transfer-Encoding: chunked\r\n\r\n1;more=", megabyte))},
+         {"empty compressed blocks without end",
+          atServer(sayingForever("HTTP/1.1 200 OK\r\n" + compressed + "\r\n\x78\x9C", emptyBlocks))},
          {"compressed bomb", atServer(answering(compressedZeros(), compressed))}},
         "too large");
     add(NSURLErrorCannotDecodeContentData, {{"compressed", atServer(answering("not deflated", compressed))}});

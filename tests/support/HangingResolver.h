@@ -1,10 +1,20 @@
 #pragma once
 
+#include <array>
+
 namespace zembra::test {
 
 /// Names that a program with `HangingResolver.cpp` in it resolves without any network: the first is unknown
-/// at once, asking for the second takes six seconds.
+/// at once, asking for the second takes six seconds, the others have several addresses.
 inline constexpr char kUnknownHost[] = "unknown.example";
 inline constexpr char kHangingHost[] = "hanging.example";
+inline constexpr struct {
+    const char* name;
+    std::array<const char*, 3> addresses;  // in the order in which they are tried
+} kHostsOfSeveralAddresses[] = {
+    {"two.example", {"127.0.0.2", "127.0.0.1"}},
+    {"three.example", {"127.0.0.2", "127.0.0.3", "127.0.0.1"}},
+    {"mixed.example", {"::1", "127.0.0.2", "127.0.0.1"}},
+};
 
 }  // namespace zembra::test

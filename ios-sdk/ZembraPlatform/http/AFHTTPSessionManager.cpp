@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <mutex>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -184,10 +185,15 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
                                          state = state_](HTTPOutcome outcome) mutable {
         delivery->error = std::move(outcome.error);
         if (!delivery->error) {
-            const auto response = std::make_shared<NSHTTPURLResponse>(
-                delivery->task->originalURL(), outcome.status, std::move(outcome.fields));
-            delivery->object = state->responseSerializer.responseObjectForResponse(
-                response, std::move(outcome.body), &delivery->error);
+            try {
+                const auto response = std::make_shared<NSHTTPURLResponse>(
+                    delivery->task->originalURL(), outcome.status, std::move(outcome.fields));
+                delivery->object = state->responseSerializer.responseObjectForResponse(
+                    response, std::move(outcome.body), &delivery->error);
+            } catch (const std::bad_alloc&) {
+                delivery->error =
+                    networkError(NSURLErrorUnknown, "The answer could not be read: out of memory.");
+            }
         }
         deliver(std::move(delivery));
     };

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <optional>
 #include <system_error>
 
 #include <pthread.h>
@@ -24,6 +23,24 @@ constexpr std::chrono::milliseconds kExitCheck{10};
 /// host's. One that comes back from there must not go on, since libcurl may be gone.
 std::atomic<bool> isProcessOver = false;
 
+/// Blocks every asynchronous signal on the calling thread, for a thread that it starts: they are the host's.
+class AsynchronousSignalsBlocked {
+public:
+    AsynchronousSignalsBlocked() noexcept {
+        sigset_t blocked;
+        ::sigfillset(&blocked);
+        for (const int synchronous : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP})
+            ::sigdelset(&blocked, synchronous);
+        ::pthread_sigmask(SIG_SETMASK, &blocked, &before_);
+    }
+    ~AsynchronousSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    AsynchronousSignalsBlocked(const AsynchronousSignalsBlocked&) = delete;
+    AsynchronousSignalsBlocked& operator=(const AsynchronousSignalsBlocked&) = delete;
+
+private:
+    sigset_t before_;
+};
+
 /// On an I/O thread: its flag "in the host's code". Nothing on other threads.
 thread_local std::atomic<bool>* hostCodeFlag = nullptr;
 
@@ -35,16 +52,22 @@ public:
     static std::atomic<Registry*>& current();
 
     /// Sets libcurl up and has the threads stopped when the process exits: before libcurl's own libraries
-    /// end, since this handler is registered after these were set up.
-    [[nodiscard]] static bool prepareProcess() {
-        static const bool isPrepared = HTTPEngine::prepareProcess() && std::atexit(&stopAll) == 0;
+    /// end, since this handler is registered after these were set up. What failed is tried anew at the next
+    /// call.
+    [[nodiscard]] bool prepareProcess() {
+        static bool isPrepared = false;
+        const std::lock_guard lock(mutex_);
+        if (!isPrepared) isPrepared = HTTPEngine::prepareProcess() && std::atexit(&stopAll) == 0;
         return isPrepared;
     }
 
-    void add(std::weak_ptr<ClientThread> thread) {
+    /// Before a thread is started. False once leaving the process has begun: none may be started any more.
+    [[nodiscard]] bool add(std::weak_ptr<ClientThread> thread) {
         const std::lock_guard lock(mutex_);
+        if (isLeaving_) return false;
         std::erase_if(threads_, [](const auto& other) { return other.expired(); });
         threads_.push_back(std::move(thread));
+        return true;
     }
 
     /// Keeps a thread object of the parent process, which nobody can end here.
@@ -65,6 +88,7 @@ private:
     static void stopAll() {
         Registry& registry = *current().load();
         std::unique_lock lock(registry.mutex_);
+        registry.isLeaving_ = true;
         const auto threads = std::exchange(registry.threads_, {});
         lock.unlock();
         for (const auto& weak : threads) {
@@ -73,7 +97,8 @@ private:
     }
 
     Registry* const parent_;  // reachable, so that no leak is reported
-    std::mutex mutex_;
+    std::mutex mutex_;        // guards what follows
+    bool isLeaving_ = false;
     std::vector<std::weak_ptr<ClientThread>> threads_;  // those that were started
     std::vector<std::shared_ptr<ClientThread>> inherited_;
     std::vector<std::vector<Completion>> dropped_;
@@ -112,35 +137,35 @@ NSErrorPtr ClientThread::submit(HTTPRequest& request, Completion& completion) {
                             "The client was made before this process was forked; make a new one.");
     }
     const std::lock_guard lock(mutex_);
-    if (stop_ != Stop::none) return nullptr;  // the process exits
-    if (!isRunning_ && !start())
+    if (!isRunning_ && stop_ == Stop::none && !start())
         return networkError(NSURLErrorCannotLoadFromNetwork, "The client's thread could not be started.");
+    if (stop_ != Stop::none) return nullptr;  // dropped: leaving the process has begun
     submitted_.emplace_back(std::move(request), std::move(completion));
     wake();
     return nullptr;
 }
 
-/// Starts the I/O thread, with every asynchronous signal blocked: they are the host's.
+/// Starts the I/O thread; false where that fails. Does nothing once leaving the process has begun.
 bool ClientThread::start() {
-    if (!Registry::prepareProcess()) return false;
+    if (!registry_.prepareProcess()) return false;
     if (wakeDescriptor_ == -1) wakeDescriptor_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeDescriptor_ == -1) return false;
-    registry_.add(weak_from_this());
-    sigset_t blocked;
-    sigset_t before;
-    ::sigfillset(&blocked);
-    for (const int synchronous : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP})
-        ::sigdelset(&blocked, synchronous);
-    ::pthread_sigmask(SIG_SETMASK, &blocked, &before);
-    try {
-        thread_ = std::thread([self = shared_from_this()] { self->run(); });
-        identifier_ = thread_.get_id();
-        isRunning_ = true;
-    } catch (const std::system_error&) {
-        // told by the result
+    auto engine = std::make_unique<HTTPEngine>(wakeDescriptor_);
+    if (!registry_.add(weak_from_this())) {
+        stop_ = Stop::drop;
+        return true;
     }
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return isRunning_;
+    const AsynchronousSignalsBlocked inherited;
+    try {
+        thread_ = std::thread([self = shared_from_this(), engine = std::move(engine)]() mutable {
+            self->run(std::move(engine));
+        });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    identifier_ = thread_.get_id();
+    isRunning_ = true;
+    return true;
 }
 
 /// Has the I/O thread look at what is guarded.
@@ -149,10 +174,9 @@ void ClientThread::wake() const noexcept {
     [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor_, &one, sizeof one);
 }
 
-void ClientThread::run() {
+void ClientThread::run(std::unique_ptr<HTTPEngine> engine) {
     ::pthread_setname_np(::pthread_self(), "zembra-http");
     hostCodeFlag = &isInHostCode_;
-    std::optional<HTTPEngine> engine(wakeDescriptor_);
     std::unique_lock lock(mutex_);
     while (stop_ == Stop::none) {
         auto submitted = std::exchange(submitted_, {});

@@ -1,4 +1,5 @@
-// The I/O thread of one HTTP client: requests in, outcomes out. The client owns it; any thread may hand it requests.
+// The I/O thread of one HTTP client: requests in, outcomes out. The client owns it; any thread may hand it
+// requests.
 #pragma once
 
 #include <atomic>
@@ -14,8 +15,8 @@
 
 namespace zembra {
 
-/// Runs the requests of a client on a thread of its own, started with the first one. Leaving the process stops
-/// all of these threads. It outlives the client where the client is destroyed on this very thread.
+/// Runs the requests of a client on a thread of its own, started with the first one. Leaving the process
+/// stops all of these threads. It outlives the client where the client is destroyed on this very thread.
 class ClientThread : public std::enable_shared_from_this<ClientThread> {
 public:
     using Completion = HTTPEngine::Completion;
@@ -26,8 +27,8 @@ public:
     ClientThread& operator=(const ClientThread&) = delete;
 
     /// Takes a request over. `completion` runs once, on the I/O thread, also for a request that cannot be
-    /// sent; not at all where the process exits before. Where there is no thread, nothing is taken and the
-    /// reason returned.
+    /// sent; not at all where leaving the process begins before. Where there is no thread, nothing is taken
+    /// and the reason returned.
     [[nodiscard]] NSErrorPtr submit(HTTPRequest& request, Completion& completion);
 
     /// For the client's destructor: completes all requests as cancelled, closes the connections and waits for
@@ -43,7 +44,7 @@ private:
     enum class Stop { none, cancel, drop };
 
     [[nodiscard]] bool start();
-    void run();
+    void run(std::unique_ptr<HTTPEngine> engine);
     void wake() const noexcept;
     void stop(Stop how);
     [[nodiscard]] bool waitForEnd(std::unique_lock<std::mutex>& lock);

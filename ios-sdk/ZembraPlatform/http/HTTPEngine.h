@@ -23,13 +23,13 @@ public:
     using Completion = std::function<void(HTTPOutcome outcome)>;
 
     /// Sets libcurl up for the process; it is never cleaned up, since the host may use it too. False where
-    /// that fails.
+    /// that fails. From then on no engine is inside libcurl while the process forks.
     [[nodiscard]] static bool prepareProcess();
 
     /// The PEM file of the system's certificate authorities.
     [[nodiscard]] static std::string systemCertificateFile();
 
-    /// After `prepareProcess`. `wakeDescriptor` being readable ends `runOnce` at once.
+    /// After `prepareProcess`, on any thread. `wakeDescriptor` being readable ends `runOnce` at once.
     explicit HTTPEngine(int wakeDescriptor);
     ~HTTPEngine();
     HTTPEngine(const HTTPEngine&) = delete;
@@ -38,8 +38,8 @@ public:
     /// Takes a request, which waits in line while eight are under way.
     void add(HTTPRequest request, Completion completion);
 
-    /// Waits until something is to be done, does it, and completes the exchanges that ended. Returns whether
-    /// the wake-up descriptor is readable.
+    /// Waits until something is to be done, does it, reports progress and completes the exchanges that ended.
+    /// Returns whether the wake-up descriptor is readable.
     [[nodiscard]] bool runOnce();
 
     /// Ends all exchanges, and gives back their completions, which are not called.
@@ -68,19 +68,25 @@ private:
     void startWaiting();
     void runTimer();
     void watch(int socket, int interest, HTTPTransfer* transfer);
-    [[nodiscard]] bool waitForSockets();
+    void waitForSockets();
+    void handleSockets();
     void collect();
+    void endOverdue();
     void end(const HTTPTransfer& transfer, int result);
 
-    void* const multi_;
-    bool isReady_ = false;
+    struct MultiDeleter {
+        void operator()(void* multi) const noexcept;
+    };
+    const std::unique_ptr<void, MultiDeleter> multi_;
     std::deque<Waiting> waiting_;
     std::vector<Active> active_;
     std::vector<Ended> ended_;
+    std::vector<std::function<void()>> reports_;  // of progress, to be told outside libcurl
 
     std::vector<pollfd> sockets_;           // the first is the wake-up descriptor
     std::vector<HTTPTransfer*> transfers_;  // whose socket it is, in the same order
     std::optional<Clock::time_point> timer_;
+    bool hasLostSocket_ = false;
     Clock::time_point looked_;  // when the sockets were last looked at
 };
 

@@ -1,4 +1,5 @@
-// Says in the words of `NSURLErrorDomain` why no answer came: one function of libcurl's result and its circumstances.
+// Says in the words of `NSURLErrorDomain` why no answer came: one function of libcurl's result and its
+// circumstances.
 #include "http/HTTPFailure.h"
 
 #include <curl/curl.h>
@@ -69,6 +70,8 @@ NSErrorPtr networkError(NSURLErrorCode code, std::string_view text) {
 
 NSErrorPtr errorOf(const HTTPFailure& failure) {
     const std::string& host = failure.host;
+    if (failure.fault == HTTPFault::outOfMemory)
+        return networkError(NSURLErrorUnknown, "The request to " + host + " failed: out of memory.");
     // libcurl's own text is passed on only where it cannot hold anything of the request.
     const std::string detail = failure.detail.empty() ? "." : " (" + failure.detail + ").";
     switch (failure.result) {
@@ -100,9 +103,9 @@ NSErrorPtr errorOf(const HTTPFailure& failure) {
             return networkError(NSURLErrorClientCertificateRejected,
                                 host + " asks for a client certificate" + detail);
         case CURLE_SSL_CACERT_BADFILE:
-            return networkError(NSURLErrorSecureConnectionFailed,
-                                "The trusted certificate authorities cannot be read from " +
-                                    failure.trustOrigin + detail);
+            return networkError(
+                NSURLErrorSecureConnectionFailed,
+                "The trusted certificate authorities cannot be read from " + failure.trustOrigin + detail);
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_SSL_CIPHER:
         case CURLE_USE_SSL_FAILED:
@@ -125,10 +128,9 @@ NSErrorPtr errorOf(const HTTPFailure& failure) {
         default:
             break;
     }
-    return networkError(
-        NSURLErrorUnknown,
-        "The request to " + host + " failed: " + ::curl_easy_strerror(static_cast<CURLcode>(failure.result)) +
-            '.');
+    return networkError(NSURLErrorUnknown,
+                        "The request to " + host +
+                            " failed: " + ::curl_easy_strerror(static_cast<CURLcode>(failure.result)) + '.');
 }
 
 }  // namespace zembra

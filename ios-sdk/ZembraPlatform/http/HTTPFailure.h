@@ -1,4 +1,5 @@
-// Says in the words of `NSURLErrorDomain` why no answer came; used by the HTTP client's other parts, on any thread.
+// Says in the words of `NSURLErrorDomain` why no answer came; used by the HTTP client's other parts, on any
+// thread.
 #pragma once
 
 #include <string>
@@ -16,17 +17,17 @@ namespace zembra {
 enum class HTTPPhase { resolving, connecting, securing, waiting, receiving };
 
 /// What the transfer itself found wrong, beside libcurl's result.
-enum class HTTPFault { none, answerTooLarge };
+enum class HTTPFault { none, answerTooLarge, outOfMemory };
 
 /// All that the error of a failed exchange is made of.
 struct HTTPFailure {
     int result = 0;  ///< libcurl's `CURLcode`.
     HTTPFault fault = HTTPFault::none;
     HTTPPhase phase = HTTPPhase::resolving;
-    std::string host;         ///< Where the request went, with the port where the URL names one.
-    std::string detail;       ///< libcurl's own text; may be empty.
-    std::string trustOrigin;  ///< Where the trusted authorities come from.
-    long verifyResult = 0;    ///< The TLS library's verdict on the server's certificate.
+    std::string host = {};         ///< Where the request went, with the port where the URL names one.
+    std::string detail = {};       ///< libcurl's own text; may be empty.
+    std::string trustOrigin = {};  ///< Where the trusted authorities come from.
+    long verifyResult = 0;         ///< The TLS library's verdict on the server's certificate.
 };
 
 /// The one place that gives libcurl's results their meaning.

@@ -1,4 +1,5 @@
-// One exchange on a libcurl handle of its own: what the handle is set to, what it receives, and what came of it.
+// One exchange on a libcurl handle of its own: what the handle is set to, what it receives, and what came of
+// it.
 #include "http/HTTPTransfer.h"
 
 #include <algorithm>
@@ -7,6 +8,8 @@
 #include <utility>
 
 #include <curl/curl.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <ZembraPlatform/NSJSONSerialization.h>
@@ -19,7 +22,8 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kLargestBody = std::size_t{16} << 20;
 constexpr std::size_t kLargestHeader = std::size_t{256} << 10;
-constexpr long kLongestConnectionLife = 300;  // seconds
+constexpr std::uint64_t kMostReceived = std::uint64_t{64} << 20;  // whatever it is, for one answer
+constexpr long kLongestConnectionLife = 300;                      // seconds
 
 /// The end of a request whose bytes keep trickling: so many times its timeout, and at least a minute.
 constexpr int kLongestExchangeInTimeouts = 10;
@@ -57,9 +61,12 @@ std::unique_ptr<curl_slist, void (*)(curl_slist*)> listOf(const std::vector<std:
     return list;
 }
 
-int onProgress(void* request, curl_off_t, curl_off_t, curl_off_t total, curl_off_t sent) {
-    static_cast<const HTTPRequest*>(request)->didSend(sent, total);
-    return 0;
+/// How many bytes came on a connection so far, TLS's own among them; 0 where the system does not count them.
+std::uint64_t receivedOn(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) return 0;
+    return info.tcpi_bytes_received;
 }
 
 }  // namespace
@@ -77,9 +84,11 @@ HTTPTransfer::~HTTPTransfer() {
 
 int HTTPTransfer::setUp() {
     if (!easy_) return CURLE_FAILED_INIT;
-    // A limit on connecting as a whole makes libcurl try the next address of a host in time. It is lifted
-    // once there is a connection. 0 stands for libcurl's own limit.
-    const milliseconds connectLimit = request_.idleLimit.value_or(milliseconds{0});
+    // A limit on connecting as a whole makes libcurl try the next address of a host in time: each but the
+    // last has half of what is left. It is lifted once there is a connection, and a little longer than the
+    // request's own, since libcurl counts whole milliseconds. 0 stands for libcurl's own limit.
+    const milliseconds connectLimit =
+        request_.idleLimit ? *request_.idleLimit + milliseconds{1} : milliseconds{0};
     Options options(easy_);
     options.set(CURLOPT_PRIVATE, static_cast<void*>(this))
         .set(CURLOPT_ERRORBUFFER, errorText_.data())
@@ -104,7 +113,10 @@ int HTTPTransfer::setUp() {
         .set(CURLOPT_SSL_VERIFYPEER, 1L)
         .set(CURLOPT_SSL_VERIFYHOST, 2L)
         .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))  // with it nothing is cached
-        .set(CURLOPT_CAINFO, request_.authorities->file().c_str());
+        .set(CURLOPT_CAINFO, request_.authorities->file().c_str())
+        .set(CURLOPT_PROXY_CAPATH, static_cast<char*>(nullptr))
+        .set(CURLOPT_PROXY_CAINFO,
+             request_.authorities->file().c_str());  // of a proxy that is spoken to by https
     options.set(CURLOPT_POST, 1L)
         .set(CURLOPT_HTTPHEADER, headerLines_.get())
         .set(CURLOPT_POSTFIELDS, request_.body.c_str())
@@ -114,9 +126,16 @@ int HTTPTransfer::setUp() {
         .set(CURLOPT_WRITEFUNCTION, &onBody)
         .set(CURLOPT_WRITEDATA, static_cast<void*>(this));
     if (request_.didSend) {
+        // Told outside libcurl, since it is the host's code: it may even fork.
+        const curl_xferinfo_callback note = [](void* self, curl_off_t, curl_off_t, curl_off_t,
+                                               curl_off_t sent) {
+            auto& transfer = *static_cast<HTTPTransfer*>(self);
+            if (std::exchange(transfer.bodySent_, sent) != sent) transfer.isReportDue_ = true;
+            return 0;
+        };
         options.set(CURLOPT_NOPROGRESS, 0L)
-            .set(CURLOPT_XFERINFOFUNCTION, &onProgress)
-            .set(CURLOPT_XFERINFODATA, &request_);
+            .set(CURLOPT_XFERINFOFUNCTION, note)
+            .set(CURLOPT_XFERINFODATA, static_cast<void*>(this));
     }
     return options.result();
 }
@@ -141,8 +160,19 @@ void HTTPTransfer::begin() {
     lastMoved_ = began_;
 }
 
+void HTTPTransfer::tryNextAddress() {
+    if (!isConnecting_) return;
+    // libcurl 7.88 goes to the next address only when the handle is run again, but asks for that too late.
+    // Going on after a pause runs it at once.
+    ::curl_easy_pause(easy_, CURLPAUSE_RECV);
+    ::curl_easy_pause(easy_, CURLPAUSE_CONT);
+}
+
 void HTTPTransfer::touch(int socket, Clock::time_point now) {
     lastMoved_ = now;
+    const std::uint64_t received = receivedOn(socket);
+    if (!receivedBefore_ || received < *receivedBefore_) receivedBefore_ = received;
+    if (received - *receivedBefore_ > kMostReceived) fault_ = HTTPFault::answerTooLarge;
     if (!isConnecting_) return;  // a kept connection, or the resolver's
     sockaddr_storage peer;
     socklen_t size = sizeof peer;
@@ -151,6 +181,13 @@ void HTTPTransfer::touch(int socket, Clock::time_point now) {
     }
     isConnecting_ = false;
     ::curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT_MS, 0L);
+}
+
+std::function<void()> HTTPTransfer::takeReport() {
+    if (!std::exchange(isReportDue_, false)) return nullptr;
+    return [didSend = request_.didSend, sent = bodySent_, total = std::ssize(request_.body)] {
+        didSend(sent, total);
+    };
 }
 
 auto HTTPTransfer::deadline() const -> std::optional<Clock::time_point> {
@@ -173,7 +210,12 @@ std::size_t HTTPTransfer::onHeader(char* data, std::size_t, std::size_t count, v
     std::string_view line(data, count);
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.remove_suffix(1);
-    transfer.readHeaderLine(line);
+    try {
+        transfer.readHeaderLine(line);
+    } catch (const std::bad_alloc&) {
+        transfer.fault_ = HTTPFault::outOfMemory;
+        return 0;
+    }
     return count;
 }
 
@@ -212,7 +254,12 @@ std::size_t HTTPTransfer::onBody(char* data, std::size_t, std::size_t count, voi
         transfer.fault_ = HTTPFault::answerTooLarge;
         return 0;
     }
-    body.append(data, count);
+    try {
+        body.append(data, count);
+    } catch (const std::bad_alloc&) {
+        transfer.fault_ = HTTPFault::outOfMemory;
+        return 0;
+    }
     return count;
 }
 

@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,8 +30,9 @@ struct HTTPOutcome {
     std::string body = {};
 };
 
-/// One request on its way. A libcurl handle is never used for a second exchange: libcurl 7.88 reads freed memory
-/// when the second answer's header starts with a folded line, and counts retries over the life of the handle.
+/// One request on its way. A libcurl handle is never used for a second exchange: libcurl 7.88 reads freed
+/// memory when the second answer's header starts with a folded line, and counts retries over the life of the
+/// handle.
 class HTTPTransfer {
 public:
     using Clock = std::chrono::steady_clock;
@@ -51,11 +54,20 @@ public:
     /// The end of the exchange, with libcurl's result.
     [[nodiscard]] HTTPOutcome finish(int result);
 
+    /// Whether more was received for one answer than any may take; of which most was no body.
+    [[nodiscard]] bool hasReceivedTooMuch() const noexcept { return fault_ == HTTPFault::answerTooLarge; }
+
+    /// Tells the request's `didSend` what was sent since the last call; empty where there is nothing to tell.
+    [[nodiscard]] std::function<void()> takeReport();
+
     /// When the exchange times out unless something moves before; nothing if it does not age.
     [[nodiscard]] std::optional<Clock::time_point> deadline() const;
 
     /// Ages from the first moment that libcurl waits for something on its behalf.
     void begin();
+
+    /// After libcurl may have given up an address of the host that does not answer.
+    void tryNextAddress();
 
     /// `socket`, one of its own, is ready: something moved.
     void touch(int socket, Clock::time_point now);
@@ -83,6 +95,9 @@ private:
 
     Clock::time_point began_;
     std::optional<Clock::time_point> lastMoved_;
+    std::optional<std::uint64_t> receivedBefore_;  // on its connection
+    std::int64_t bodySent_ = 0;
+    bool isReportDue_ = false;
     bool isConnecting_ = false;  // from the first socket that was opened to the first connection
 
     // The answer so far

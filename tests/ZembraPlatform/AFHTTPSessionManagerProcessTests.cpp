@@ -54,35 +54,6 @@ std::set<int> descriptors(int flags) {
     return found;
 }
 
-/// Runs the exiting host and returns its wait status.
-int exitStatus(const std::string& how, int microseconds, const TLSServer& server) {
-    return std::system(("exec '" ZEMBRA_EXITING_HOST "' " + how + ' ' + std::to_string(microseconds) + ' ' +
-                        server.address() + " '" + TLSServer::certificateAuthority() + '\'')
-                           .c_str());
-}
-
-TEST(AFHTTPSessionManagerProcessTest, LeavingTheProcessAtAnyMomentIsClean) {
-    const TLSServer server(&Connection::stall), closingServer([](Connection&) {});
-    constexpr int kChildren = 100;
-    constexpr int kLatest = 60'000;  // microseconds: from the start of the thread to the silence after TLS
-    std::atomic<int> next = 0;
-    const auto work = [&] {
-        for (int child = next++; child < kChildren; child = next++) {
-            const char* const how = child % 2 == 0 ? "flight" : "static";
-            const int delay = child * kLatest / kChildren;
-            EXPECT_EQ(exitStatus(how, delay, server), 0) << how << " after " << delay << " microseconds";
-        }
-    };
-    {
-        const std::jthread other(work);
-        work();
-    }
-    EXPECT_EQ(exitStatus("callback", 0, closingServer), 0);
-    const auto start = Clock::now();
-    EXPECT_EQ(exitStatus("busy", 0, closingServer), 0);
-    EXPECT_LT(Clock::now() - start, 10s);  // the callback takes thirty
-}
-
 TEST(AFHTTPSessionManagerProcessTest, AForkedChildExitsCleanAndItsRequestsFailPlainly) {
     const TLSServer server;
     auto client = clientOf(server.address());

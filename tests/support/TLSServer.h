@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -166,8 +167,7 @@ public:
         std::unique_lock lock(mutex_);
         for (const Connection& connection : open_)
             ::shutdown(connection.descriptor, SHUT_RDWR);
-        lock.unlock();
-        threads_.clear();
+        closed_.wait(lock, [this] { return open_.empty(); });
     }
 
     /// "https://<host>:<port>/"
@@ -191,11 +191,12 @@ private:
             ++connectionCount_;
             const std::lock_guard lock(mutex_);
             open_.emplace_back(::BIO_pop(listener_.get()), context_.get());
-            threads_.emplace_back([this, connection = std::prev(open_.end())] {
+            std::thread([this, connection = std::prev(open_.end())] {
                 script_(*connection);
                 const std::lock_guard closing(mutex_);
                 open_.erase(connection);
-            });
+                closed_.notify_all();
+            }).detach();
         }
     }
 
@@ -206,7 +207,7 @@ private:
     std::atomic<int> connectionCount_ = 0;
     std::mutex mutex_;
     std::list<Connection> open_;  // guarded by it
-    std::list<std::jthread> threads_;
+    std::condition_variable closed_;
     std::jthread acceptor_;
 };
 

@@ -1,5 +1,7 @@
+// Turns JSON keys into property names. The functions are pure; any thread may call them.
+
 #include <algorithm>
-#include <exception>
+#include <stdexcept>
 
 #include <ZembraCoreSDK/KeyCamelization.h>
 #include <ZembraCoreSDK/QVDataObject.h>
@@ -7,9 +9,6 @@
 #include <ZembraPlatform/NSString.h>
 
 namespace zembra {
-
-// From keys to property names
-// --------------------------------------------------------------------------------------------------------
 
 bool IsUppercase(const char& byte) noexcept {
     return byte >= 'A' && byte <= 'Z';
@@ -21,10 +20,12 @@ bool IsLowercase(const char& byte) noexcept {
 
 namespace {
 
-/// Where a conversion goes that has no end: it would write zero bytes for ever, and stops at the end of its
-/// buffer instead.
-[[noreturn, gnu::noinline, gnu::cold]] void camelizationNeverEnds() noexcept {
-    std::terminate();
+/// Ends the process: the conversion would write zero bytes for ever, beyond the end of its buffer. Called by
+/// a `noexcept` function, so that the exception reaches the terminate handler and nobody else.
+[[noreturn]] void camelizationNeverEnds() {
+    throw std::logic_error(
+        "the camelization of a JSON key that stands on a separator at its end never ends: "
+        "screen JSON with withoutEndlessKeys");
 }
 
 constexpr bool isLetter(char byte) noexcept {
@@ -66,6 +67,10 @@ std::size_t camelize(std::string_view scanned, char* out) noexcept {
 
 }  // namespace
 
+bool isSkippedName(std::string_view name) noexcept {
+    return name == "id" || name == "_id" || name == "description";
+}
+
 std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer) {
     const bool isASCII = isAllASCII(key);
     if (!isASCII && !isWellFormedUTF8(key)) return std::nullopt;
@@ -92,91 +97,6 @@ bool camelizationEnds(std::string_view string) noexcept {
     // Of the separators at the end, every other one takes the next along; a last one alone is never passed.
     const auto lastLetter = std::find_if(string.rbegin(), string.rend(), isLetter);
     return (lastLetter - string.rbegin()) % 2 == 0;
-}
-
-// Screening
-// --------------------------------------------------------------------------------------------------------
-
-namespace {
-
-bool isContainer(const Value& value) noexcept {
-    return value.isArray() || value.isDictionary();
-}
-
-bool holdsEndlessKey(const Value& json) {
-    std::vector<const Value*> containers;  // still to be looked through
-    const auto enter = [&containers](const Value& value) {
-        if (isContainer(value)) containers.push_back(&value);
-    };
-    enter(json);
-    while (!containers.empty()) {
-        const Value& container = *containers.back();
-        containers.pop_back();
-        for (const Value& element : container.elements())
-            enter(element);
-        for (const auto& [key, value] : container.entries()) {
-            if (!camelizationEnds(*key.string())) return true;
-            enter(value);
-        }
-    }
-    return false;
-}
-
-/// An array or a dictionary that is being walked, and what is to stand in the new one.
-struct ScreenedContainer {
-    const Value* container;
-    const Value* key;  // of the container itself, where it stands in a dictionary
-    std::vector<Value> keys;
-    std::vector<Value> values;
-    bool hasChanged = false;
-    std::size_t next = 0;
-
-    void add(const Value* itemKey, Value value) {
-        if (container->isDictionary()) keys.push_back(*itemKey);
-        values.push_back(std::move(value));
-    }
-
-    Value screened() {
-        if (!hasChanged) return *container;
-        if (container->isArray()) return Value::array(std::move(values));
-        std::vector<Value::Entry> entries;
-        entries.reserve(keys.size());
-        for (std::size_t index = 0; index < keys.size(); ++index)
-            entries.push_back({std::move(keys[index]), std::move(values[index])});
-        return Value::dictionary(std::move(entries));
-    }
-};
-
-}  // namespace
-
-Value withoutEndlessKeys(Value json) {
-    if (!holdsEndlessKey(json)) return json;
-    std::vector<ScreenedContainer> path;
-    path.push_back({&json, nullptr, {}, {}});
-    for (;;) {
-        ScreenedContainer& current = path.back();
-        if (current.next < current.container->count()) {
-            const std::size_t index = current.next++;
-            const bool isEntry = current.container->isDictionary();
-            const Value* const key = isEntry ? &current.container->entries()[index].key : nullptr;
-            const Value& item =
-                isEntry ? current.container->entries()[index].value : current.container->elements()[index];
-            if (isEntry && !camelizationEnds(*key->string()))
-                current.hasChanged = true;
-            else if (isContainer(item))
-                path.push_back({&item, key, {}, {}});
-            else
-                current.add(key, item);
-            continue;
-        }
-        const bool hasChanged = current.hasChanged;
-        const Value* const key = current.key;
-        Value screened = current.screened();
-        path.pop_back();
-        if (path.empty()) return screened;
-        path.back().hasChanged |= hasChanged;
-        path.back().add(key, std::move(screened));
-    }
 }
 
 }  // namespace zembra

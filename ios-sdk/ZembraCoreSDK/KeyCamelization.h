@@ -5,7 +5,8 @@
 #include <string>
 #include <string_view>
 
-/// Camelizing into a buffer, for the mapping, which allocates nothing for a key of usual length.
+/// From keys to property names, as the mapping takes the step: a key of usual length costs no allocation.
+/// Private to the SDK; the functions are pure.
 namespace zembra {
 
 /// Where a property name lives while its key is mapped.
@@ -16,5 +17,8 @@ struct NameBuffer {
 
 /// What `camelizedString` gives for `key`. The view lives until `buffer` is used again.
 [[nodiscard]] std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buffer);
+
+/// Whether the mapping never assigns to a property of that name.
+[[nodiscard]] bool isSkippedName(std::string_view name) noexcept;
 
 }  // namespace zembra

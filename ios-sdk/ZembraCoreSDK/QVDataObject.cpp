@@ -1,3 +1,5 @@
+// Fills data objects from JSON, on the thread that asks for it.
+
 #include <algorithm>
 #include <utility>
 
@@ -9,10 +11,6 @@
 namespace zembra {
 
 namespace {
-
-bool isSkipped(std::string_view name) noexcept {
-    return name == "id" || name == "_id" || name == "description";
-}
 
 /// The value to assign where `value` met the property `key` of `object`, declared with class `cls`.
 Value convertedValue(QVDataObject& object, Value value, std::string_view key, const ClassDescription& cls) {
@@ -65,7 +63,7 @@ bool QVDataObject::initWithJSON(Value json) {
     NameBuffer buffer;
     for (std::size_t index = 0; index < entries.size(); ++index) {
         const std::optional<std::string_view> name = nameForKey(*entries[index].key.string(), buffer);
-        if (!name || isSkipped(*name)) continue;
+        if (!name || isSkippedName(*name)) continue;
         if (holdsNull && json[*name].isNull()) continue;
         if (const ClassDescription* const cls = dataObjectClassForKey(*name))
             setPropertyValue(json.takeValueAt(index), *name, *cls);

@@ -31,7 +31,7 @@
 ///         ZMB_PROPERTY(Owner, ownerInfo);               // another model class
 ///     };
 ///
-///     const auto place = Place::objectWithJSON(zembra::withoutEndlessKeys(json));
+///     const auto place = Place::objectWithUntrustedJSON(json);  // from a server; objectWithJSON if screened
 ///
 /// The mapping reports no errors: it skips keys that it cannot place and assigns what it gets. Nothing here
 /// locks; objects may be used like any other C++ objects.
@@ -55,15 +55,17 @@ extern "C" ZEMBRA_EXPORT bool IsLowercase(const char& byte) noexcept;
 /// units, the first n bytes are read. The result ends before its first zero byte.
 ///
 /// `std::nullopt` where `string` or the result is not well-formed UTF-8. A string that `camelizationEnds` is
-/// false for never finishes converting: the process ends in `std::terminate`.
+/// false for never finishes converting: the process ends in `std::terminate`, whose handler finds a
+/// `std::logic_error` that says so as the current exception.
 [[nodiscard]] ZEMBRA_EXPORT std::optional<std::string> camelizedString(std::string_view string);
 
 /// Whether the conversion of `string` ends; if not, it stands on a separator at its end (`name_`, `line1`).
 [[nodiscard]] ZEMBRA_EXPORT bool camelizationEnds(std::string_view string) noexcept;
 
 /// `json` without the dictionary entries, at any depth, whose keys never finish converting. Whatever a server
-/// sends goes through this before it goes into a data object. Dictionaries and arrays without such keys are
-/// shared with the result; where there are none at all, the result is `json` itself.
+/// sends goes through this before it goes into a data object, as `objectWithUntrustedJSON` has it.
+/// Dictionaries and arrays without such keys are shared with the result; where there are none at all, the
+/// result is `json` itself.
 [[nodiscard]] ZEMBRA_EXPORT Value withoutEndlessKeys(Value json);
 
 // Data objects
@@ -147,7 +149,7 @@ public:
     using ZembraClass = QVDataObject;
     template <class Below>
     friend std::type_identity<QVDataObject> zembraClassAbove(const QVDataObject*, detail::AskedFor<Below>);
-    static char (&zembraCount(detail::PropertyNumber<0>))[1];
+    static detail::PropertyDeclaration<0> zembraProperty(detail::PropertyNumber<0>);
 
 protected:
     QVDataObject(const QVDataObject&) = default;
@@ -180,6 +182,17 @@ template <std::derived_from<QVDataObject> Object>
             objects.push_back(std::move(object));
     }
     return objects;
+}
+
+/// The same, of JSON from a server or a file: screened by `withoutEndlessKeys` first.
+template <std::derived_from<QVDataObject> Object>
+[[nodiscard]] std::shared_ptr<Object> objectWithUntrustedJSON(Value json) {
+    return objectWithJSON<Object>(withoutEndlessKeys(std::move(json)));
+}
+template <std::derived_from<QVDataObject> Object>
+[[nodiscard]] std::optional<std::vector<std::shared_ptr<Object>>> objectsWithArrayOfUntrustedJSON(
+    Value array) {
+    return objectsWithArrayOfJSON<Object>(withoutEndlessKeys(std::move(array)));
 }
 
 /// The objects as an array; `std::nullopt` gives nothing. With `objectsWithArrayOfJSON` it is what the hook
@@ -219,7 +232,8 @@ struct DataObjectAccess {
     }
 
 private:
-    static constexpr std::size_t kPropertyCount = sizeof(Self::zembraCount(HighestPropertyNumber{})) - 1;
+    static constexpr std::size_t kPropertyCount =
+        decltype(Self::zembraProperty(HighestPropertyNumber{}))::kNumber;
 
     static constexpr DataObjectDescription::ArrayHook arrayHook() {
         if constexpr (requires(Self & object, std::string_view key, const Value& values) {
@@ -264,7 +278,7 @@ private:
 
     template <std::size_t number>
     static constexpr PropertyDescription property() {
-        constexpr PropertyDeclaration declared = Self::zembraDeclaration(PropertyNumber<number>{});
+        constexpr PropertyDeclaration<number> declared = Self::zembraProperty(PropertyNumber<number>{});
         using Member =
             std::remove_reference_t<decltype(std::declval<Self&>().zembraMember(PropertyNumber<number>{}))>;
         if constexpr (std::is_scalar_v<Member>)
@@ -286,34 +300,43 @@ private:
 /// Makes a class a data-object class: describes it, with the properties that `ZMB_PROPERTY` declares after
 /// this line. `Base` is the class that it derives from, `QVDataObject` or another data-object class. Objects
 /// can be made of a class with a public default constructor. The line ends in `private:`.
-#define ZMB_DATA_OBJECT(ClassName, Base)                                                                \
-public:                                                                                                 \
-    using ZembraClass = ClassName;                                                                      \
-    using ZembraBase = ::zembra::detail::BaseOrRoot<Base>;                                              \
-    template <class ZembraBelow>                                                                        \
-    requires(!::std::is_same_v<ZembraBelow, ClassName>) friend ::std::type_identity<ClassName>          \
-    zembraClassAbove(const ClassName*, ::zembra::detail::AskedFor<ZembraBelow>);                        \
-    template <class ZembraAny>                                                                          \
-    friend struct ::zembra::detail::DataObjectAccess;                                                   \
-    static constexpr char zembraName[] = #ClassName;                                                    \
-    static char(&zembraCount(::zembra::detail::PropertyNumber<0>))[1];                                  \
-    static const ::zembra::ClassDescription& staticClass() noexcept {                                   \
-        return ::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();             \
-    }                                                                                                   \
-    const ::zembra::DataObjectDescription* classDescription() const noexcept override {                 \
-        static_assert(::std::is_same_v<decltype(*this), const ClassName&>,                              \
-                      "ZMB_DATA_OBJECT must name the class that it stands in");                         \
-        return &::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();            \
-    }                                                                                                   \
-    /** A new object filled from `json`; `nullptr` where that is no dictionary. */                      \
-    template <::std::same_as<ClassName> ZembraObject = ClassName>                                       \
-    [[nodiscard]] static ::std::shared_ptr<ZembraObject> objectWithJSON(::zembra::Value zembraJson) {   \
-        return ::zembra::objectWithJSON<ZembraObject>(::std::move(zembraJson));                         \
-    }                                                                                                   \
-    /** A new object for each dictionary in `array`, in order; `std::nullopt` where that is nothing. */ \
-    template <::std::same_as<ClassName> ZembraObject = ClassName>                                       \
-    [[nodiscard]] static auto objectsWithArrayOfJSON(::zembra::Value zembraArray) {                     \
-        return ::zembra::objectsWithArrayOfJSON<ZembraObject>(::std::move(zembraArray));                \
-    }                                                                                                   \
-                                                                                                        \
+#define ZMB_DATA_OBJECT(ClassName, Base)                                                                   \
+public:                                                                                                    \
+    using ZembraClass = ClassName;                                                                         \
+    using ZembraBase = ::zembra::detail::BaseOrRoot<Base>;                                                 \
+    template <class ZembraBelow>                                                                           \
+    requires(!::std::is_same_v<ZembraBelow, ClassName>) friend ::std::type_identity<ClassName>             \
+    zembraClassAbove(const ClassName*, ::zembra::detail::AskedFor<ZembraBelow>);                           \
+    template <class ZembraAny>                                                                             \
+    friend struct ::zembra::detail::DataObjectAccess;                                                      \
+    static constexpr char zembraName[] = #ClassName;                                                       \
+    static ::zembra::detail::PropertyDeclaration<0> zembraProperty(::zembra::detail::PropertyNumber<0>);   \
+    static const ::zembra::ClassDescription& staticClass() noexcept {                                      \
+        return ::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();                \
+    }                                                                                                      \
+    const ::zembra::DataObjectDescription* classDescription() const noexcept override {                    \
+        static_assert(::std::is_same_v<decltype(*this), const ClassName&>,                                 \
+                      "ZMB_DATA_OBJECT must name the class that it stands in");                            \
+        return &::zembra::detail::DataObjectAccess<ClassName>::template description<Base>();               \
+    }                                                                                                      \
+    /** A new object filled from `json`; `nullptr` where that is no dictionary. */                         \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                          \
+    [[nodiscard]] static ::std::shared_ptr<ZembraObject> objectWithJSON(::zembra::Value zembraJson) {      \
+        return ::zembra::objectWithJSON<ZembraObject>(::std::move(zembraJson));                            \
+    }                                                                                                      \
+    /** A new object for each dictionary in `array`, in order; `std::nullopt` where that is nothing. */    \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                          \
+    [[nodiscard]] static auto objectsWithArrayOfJSON(::zembra::Value zembraArray) {                        \
+        return ::zembra::objectsWithArrayOfJSON<ZembraObject>(::std::move(zembraArray));                   \
+    }                                                                                                      \
+    /** The same two, for JSON from a server or a file: keys that never finish converting are left out. */ \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                          \
+    [[nodiscard]] static auto objectWithUntrustedJSON(::zembra::Value zembraJson) {                        \
+        return ::zembra::objectWithUntrustedJSON<ZembraObject>(::std::move(zembraJson));                   \
+    }                                                                                                      \
+    template <::std::same_as<ClassName> ZembraObject = ClassName>                                          \
+    [[nodiscard]] static auto objectsWithArrayOfUntrustedJSON(::zembra::Value zembraArray) {               \
+        return ::zembra::objectsWithArrayOfUntrustedJSON<ZembraObject>(::std::move(zembraArray));          \
+    }                                                                                                      \
+                                                                                                           \
 private:

@@ -5,6 +5,7 @@
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
 #ifdef __cpp_rtti
+#include <ZembraCoreSDK/QVDataObject+Diagnosis.h>
 #include <ZembraCoreSDK/QVDataObject.h>
 #endif
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>

@@ -283,18 +283,27 @@ constexpr auto creationOf() -> std::shared_ptr<NSObject> (*)() {
 /// @cond
 /// Counts properties: passing the highest number selects the overload of the last one declared.
 template <std::size_t number>
-struct PropertyNumber : PropertyNumber<number - 1> {};
+struct PropertyNumber : PropertyNumber<number - 1> {
+    static_assert(number <= 64,
+                  "a class declares 64 properties at most; further ones belong into a base class");
+};
 template <>
 struct PropertyNumber<0> {};
 /// @endcond
-inline constexpr std::size_t kHighestPropertyNumber = 64;
-using HighestPropertyNumber = PropertyNumber<kHighestPropertyNumber>;
+using HighestPropertyNumber = PropertyNumber<64>;
 
-/// What `ZMB_PROPERTY` states of a property, beside its member.
+/// What `ZMB_PROPERTY` states of the property with that number, beside its member.
+template <std::size_t number>
 struct PropertyDeclaration {
+    static constexpr std::size_t kNumber = number;
+    using Number = PropertyNumber<number>;
+    using Next = PropertyNumber<number + 1>;
+
     std::string_view name;
     const ClassDescription* (*declaredClass)() noexcept;
 };
+template <std::size_t number>
+PropertyDeclaration<number> declarationOf(PropertyNumber<number>);
 
 constexpr bool isASCII(std::string_view name) {
     for (const char character : name)
@@ -313,21 +322,15 @@ constexpr bool isASCII(std::string_view name) {
 /// The property's name is written here and nowhere else.
 #define ZMB_PROPERTY(Type, name)                                                                          \
     static_assert(::zembra::detail::isASCII(#name), "the name of a property must be ASCII");              \
-    static_assert(ZEMBRA_PROPERTY_COUNT < ::zembra::detail::kHighestPropertyNumber,                       \
-                  "a class declares 64 properties at most; further ones belong into a base class");       \
-    static char(&zembraCount(                                                                             \
-        ::zembra::detail::PropertyNumber<ZEMBRA_PROPERTY_COUNT + 1>))[ZEMBRA_PROPERTY_COUNT + 2];         \
+    static constexpr auto zembraProperty(                                                                 \
+        typename decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Next zembraNumber)  \
+        ->decltype(::zembra::detail::declarationOf(zembraNumber)) {                                       \
+        return {#name, &::zembra::detail::classOfProperty<Type>};                                         \
+    }                                                                                                     \
     ::zembra::detail::PropertyMember<Type>& zembraMember(                                                 \
-        ::zembra::detail::PropertyNumber<ZEMBRA_PROPERTY_COUNT>) noexcept {                               \
+        typename decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Number) noexcept {  \
         static_assert(::std::is_same_v<decltype(*this), ZembraClass&>,                                    \
                       "a class with properties must start with ZMB_DATA_OBJECT(<its name>, <its base>)"); \
         return name;                                                                                      \
     }                                                                                                     \
-    static constexpr ::zembra::detail::PropertyDeclaration zembraDeclaration(                             \
-        ::zembra::detail::PropertyNumber<ZEMBRA_PROPERTY_COUNT>) {                                        \
-        return {#name, &::zembra::detail::classOfProperty<Type>};                                         \
-    }                                                                                                     \
     ::zembra::detail::PropertyMember<Type> name {}
-
-/// The number of properties that the class has declared so far.
-#define ZEMBRA_PROPERTY_COUNT (sizeof(zembraCount(::zembra::detail::HighestPropertyNumber{})) - 1)

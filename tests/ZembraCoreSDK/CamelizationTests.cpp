@@ -3,7 +3,6 @@
 #include <exception>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,15 +20,40 @@ namespace {
 using namespace std::string_literals;
 
 TEST(CamelizationTests, FollowsTheByteRule) {
-    // Of two separators the first is dropped and the second kept; a third starts anew. Digits are separators
-    // too. A zero byte that is kept ends the result before anything else is judged; one that is dropped does
-    // not. Of other characters only as many bytes are read as there are UTF-16 units.
-    std::istringstream examples(
-        "=|id=id|ABC=ABC|account_id=accountId|ABC_def=ABCDef|a_B=aB|foo bar=fooBar|foo-bar=fooBar|"
-        "a@b[c`d{e=aBCDE|_id=Id|__id=_id|user__name=user_name|user___name=user_Name|user__=user_|"
-        "a_1=a1|a1b2c=aBC|video_720p=video70p|address_line1_text=addressLine_text|"
-        "a_\0b=a|a_\0_ézz=a|a\0b=aB|_€éabc=\xE2\xAC\xA9|"s);
-    for (std::string key, name; std::getline(examples, key, '=') && std::getline(examples, name, '|');)
+    struct Row {
+        std::string key, name;
+    };
+    const Row rows[] = {
+        {"", ""},
+        {"id", "id"},
+        {"ABC", "ABC"},
+        {"account_id", "accountId"},
+        {"ABC_def", "ABCDef"},
+        {"a_B", "aB"},
+        {"foo bar", "fooBar"},
+        {"foo-bar", "fooBar"},
+        {"a@b[c`d{e", "aBCDE"},
+        {"user__Zone", "user_Zone"},
+        // Of two separators the second is kept; a third starts anew.
+        {"_id", "Id"},
+        {"__id", "_id"},
+        {"user__name", "user_name"},
+        {"user___name", "user_Name"},
+        {"user__", "user_"},
+        // Digits are separators.
+        {"a_1", "a1"},
+        {"a1b2c", "aBC"},
+        {"video_720p", "video70p"},
+        {"address_line1_text", "addressLine_text"},
+        // A zero byte that is kept ends the result before anything else is judged; one that is dropped does
+        // not.
+        {"a_\0b"s, "a"},
+        {"a_\0_ézz"s, "a"},
+        {"a\0b"s, "aB"},
+        // Of other characters as many bytes are read as there are UTF-16 units.
+        {"_€éabc", "\xE2\xAC\xA9"},
+    };
+    for (const auto& [key, name] : rows)
         EXPECT_EQ(camelizedString(key), name) << key;
     for (const char* nothing : {"cafés", "xÃ©yz", "€_", "_€😀abcd", "\xC3", "name\xE9_"}) {
         EXPECT_EQ(camelizedString(nothing), std::nullopt) << nothing;
@@ -58,7 +82,7 @@ std::optional<std::optional<std::string>> camelized(std::string_view key) {
 }
 
 TEST(CamelizationTests, AgreesWithThePlainRuleOnRandomStrings) {
-    const std::vector<std::string> pieces{"a", "z",   "Q", "word", "_", "_",   "-",
+    const std::vector<std::string> pieces{"a", "z",   "Z", "word", "_", "_",   "-",
                                           "1", "\0"s, "é", "€",    "😀", "\x80"};
     const std::size_t kindsInTurn[] = {pieces.size(), 8, 5, 5};  // anything, plain keys, few separators
     std::mt19937 random(20);
@@ -78,18 +102,25 @@ TEST(CamelizationTests, AgreesWithThePlainRuleOnRandomStrings) {
 }
 
 TEST(CamelizationDeathTests, EndlessConversionTerminatesTheProcess) {
-    for (const std::string& key : {"_"s, "line1"s, "a__b_"s, "größe"s, "aé"s, std::string(63, 'x') + '_',
-                                   std::string(64, 'x') + '_', std::string(100'000, '1') + '_', "\0"s}) {
+    for (const std::string& key : {"_"s, "line1"s, "a__b_"s, "größe"s, std::string(63, 'x') + '_',
+                                   std::string(64, 'x') + '_', "\0"s}) {
         const std::vector<char> bytes(key.begin(), key.end());
         const auto camelizeWithTerminateHandler = [&bytes] {
             std::set_terminate([] {
-                std::fputs("the host's handler", stderr);
+                try {
+                    std::rethrow_exception(std::current_exception());
+                } catch (const std::exception& error) {
+                    std::fputs(error.what(), stderr);
+                }
                 std::_Exit(3);
             });
-            (void)camelizedString({bytes.begin(), bytes.end()});
+            try {
+                (void)camelizedString({bytes.begin(), bytes.end()});
+            } catch (...) {  // nobody but the handler gets it
+            }
         };
         EXPECT_FALSE(camelizationEnds(key)) << key;
-        EXPECT_EXIT(camelizeWithTerminateHandler(), testing::ExitedWithCode(3), "the host's handler") << key;
+        EXPECT_EXIT(camelizeWithTerminateHandler(), testing::ExitedWithCode(3), "never ends") << key;
     }
 }
 

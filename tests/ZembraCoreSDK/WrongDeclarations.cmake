@@ -1,6 +1,6 @@
-# cmake -DCOMPILER=<path> -DINCLUDE=<directory> -P WrongDeclarations.cmake
+# cmake -DCOMPILER=<path> -DINCLUDE=<directory> -DKIND=<lines|properties|hooks|creation> -P WrongDeclarations.cmake
 #
-# Compiles WrongDeclarations.cpp with each declaration in turn: the compiler must report one error, with the right text.
+# Compiles WrongDeclarations.cpp with each declaration of that kind: the compiler must report one error, with the right text.
 function(check expected declaration)
     execute_process(
         COMMAND "${COMPILER}" -std=c++20 -fsyntax-only "-I${INCLUDE}" "-DDECLARATION=${declaration}"
@@ -26,28 +26,42 @@ function(check_model expected base line)
 endfunction()
 
 set(line "ZMB_DATA_OBJECT(Model, Middle)")
-check_model("none" Middle "${line}" "ZMB_PROPERTY(NSString, name);")
+if(KIND STREQUAL "lines")
+    check_model("none" Middle "${line}" "ZMB_PROPERTY(NSString, name);")
 
-set(expected "a class with properties must start with ZMB_DATA_OBJECT")
-check_model("${expected}" Middle "ZMB_PROPERTY(NSString, name);")
-check_model("${expected}" QVDataObject "ZMB_PROPERTY(NSString, name);")
+    set(expected "a class with properties must start with ZMB_DATA_OBJECT")
+    check_model("${expected}" Middle "ZMB_PROPERTY(NSString, name);")
+    check_model("${expected}" QVDataObject "ZMB_PROPERTY(NSString, name);")
 
-check_model("ZMB_DATA_OBJECT must name the class that it stands in" Middle "ZMB_DATA_OBJECT(Middle, Base)")
+    check_model("ZMB_DATA_OBJECT must name the class that it stands in" Middle "ZMB_DATA_OBJECT(Middle, Base)")
 
-set(expected "ZMB_DATA_OBJECT must name the data-object class that this one derives from")
-check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, Base)")
-check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, std::string)")
-check_model("${expected}" Lineless "ZMB_DATA_OBJECT(Model, Lineless)")
-check_model("${expected}" std::string "ZMB_DATA_OBJECT(Model, std::string)")
+    set(expected "ZMB_DATA_OBJECT must name the data-object class that this one derives from")
+    check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, Base)")
+    check_model("${expected}" Middle "ZMB_DATA_OBJECT(Model, std::string)")
+    check_model("${expected}" Lineless "ZMB_DATA_OBJECT(Model, Lineless)")
+    check_model("${expected}" std::string "ZMB_DATA_OBJECT(Model, std::string)")
+elseif(KIND STREQUAL "properties")
+    set(expected "a property is a tag such as NSString, a Value, a scalar or a class that is complete")
+    foreach(type IN ITEMS Lineless Incomplete std::string)
+        check_model("${expected}" Middle "${line}" "ZMB_PROPERTY(${type}, other);")
+    endforeach()
+    check_model("the name of a property must be ASCII" Middle "${line}" "ZMB_PROPERTY(NSString, größe);")
 
-set(expected "a property is a tag such as NSString, a Value, a scalar or a class that is complete")
-foreach(type IN ITEMS Lineless Incomplete std::string)
-    check_model("${expected}" Middle "${line}" "ZMB_PROPERTY(${type}, other);")
-endforeach()
-check_model("the name of a property must be ASCII" Middle "${line}" "ZMB_PROPERTY(NSString, größe);")
-
-set(expected "the hook is: zembra::Value arrayPropertyForKey")
-check_model("${expected}" Middle "${line}" "Value arrayPropertyForKey(const Value& values);")
-check_model("${expected}" Middle "${line}" "bool arrayPropertyForKey(std::string_view key, const Value& values);")
-check_model("the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter" Middle "${line}"
-            "Value dateFormatter() const;")
+    check("redeclaration of .*name|duplicate member 'name'"
+          "class Model : public Middle { ${line} ZMB_PROPERTY(NSString, name); ZMB_PROPERTY(NSString, name); };")
+elseif(KIND STREQUAL "hooks")
+    set(expected "the hook is: zembra::Value arrayPropertyForKey")
+    check_model("${expected}" Middle "${line}" "Value arrayPropertyForKey(const Value& values);")
+    check_model("${expected}" Middle "${line}" "bool arrayPropertyForKey(std::string_view key, const Value& values);")
+    check_model("the hook is: std::shared_ptr<const zembra::NSDateFormatter> dateFormatter" Middle "${line}"
+                "Value dateFormatter() const;")
+elseif(KIND STREQUAL "creation")
+    set(expected "a class whose objects the mapping makes must start with ZMB_DATA_OBJECT")
+    foreach(call IN ITEMS objectWithJSON objectsWithArrayOfJSON objectWithUntrustedJSON)
+        check("${expected}" "auto made = ${call}<Lineless>({});")
+    endforeach()
+    check("no matching function" "auto made = Lineless::objectWithJSON<Lineless>({});")
+    check("conversion|no viable|requested" "std::shared_ptr<Lineless> made = Lineless::objectWithJSON({});")
+else()
+    message(FATAL_ERROR "no such kind of declarations: ${KIND}")
+endif()

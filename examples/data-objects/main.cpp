@@ -123,16 +123,14 @@ int main(int argumentCount, char** arguments) {
     std::string text{std::istreambuf_iterator(file), {}};
 
     zembra::NSErrorPtr error;
-    zembra::Value answer = zembra::NSJSONSerialization::JSONObjectWithData(std::move(text), &error);
+    const zembra::Value answer = zembra::NSJSONSerialization::JSONObjectWithData(std::move(text), &error);
     if (answer.isNothing()) {
         std::cerr << arguments[1] << ": " << *error << '\n';
         return 1;
     }
 
-    // First of all: keys such as "address_line1" would never finish converting.
-    answer = zembra::withoutEndlessKeys(std::move(answer));
-
-    const auto places = Place::objectsWithArrayOfJSON(answer["places"]);
+    // Keys such as "address_line1" would never finish converting; of what a server sends they are left out.
+    const auto places = Place::objectsWithArrayOfUntrustedJSON(answer["places"]);
     if (!places) {
         std::cerr << arguments[1] << ": the answer has no places\n";
         return 1;

@@ -45,7 +45,11 @@ struct ZEMBRA_EXPORT ClassDescription {
     std::shared_ptr<NSObject> (*create)();             ///< A new object; `nullptr` where none can be made.
 
     /// Whether this is `other` or derives from it.
-    [[nodiscard]] bool isSubclassOf(const ClassDescription& other) const noexcept;
+    [[nodiscard]] bool isSubclassOf(const ClassDescription& other) const noexcept {
+        // The lengths first: comparing types compares their longer names.
+        return this == &other || (name.size() == other.name.size() && *type == *other.type) ||
+               (superclass != nullptr && superclass()->isSubclassOf(other));
+    }
 
     /// The property of that name on this class, else on the nearest class above it; `nullptr` where none
     /// declares one.

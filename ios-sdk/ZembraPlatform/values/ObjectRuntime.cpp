@@ -11,14 +11,11 @@ Value PropertyDescription::value(const NSObject& object) const {
     return scalar != nullptr ? scalar(object) : *storage(const_cast<NSObject&>(object));
 }
 
-bool ClassDescription::isSubclassOf(const ClassDescription& other) const noexcept {
-    return this == &other || *type == *other.type ||
-           (superclass != nullptr && superclass()->isSubclassOf(other));
-}
-
 const PropertyDescription* ClassDescription::property(std::string_view propertyName) const noexcept {
+    if (propertyName.empty()) return nullptr;
     for (const PropertyDescription& property : properties)
-        if (property.name == propertyName) return &property;
+        // The first letters first: most names that differ need no call to compare them.
+        if (property.name.front() == propertyName.front() && property.name == propertyName) return &property;
     return superclass == nullptr ? nullptr : superclass()->property(propertyName);
 }
 

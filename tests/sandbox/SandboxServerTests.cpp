@@ -50,15 +50,17 @@ protected:
 TEST_F(SandboxServerTest, RehearsesTheOutcomesOfItsTables) {
     const auto check = [&](const Outcome& outcome, const Reply& reply) {
         SCOPED_TRACE(outcome.value);
-        const std::map<Delivery, CURLcode> failures{{Delivery::never, CURLE_OPERATION_TIMEDOUT},
-                                                    {Delivery::truncated, CURLE_PARTIAL_FILE},
-                                                    {Delivery::reset, CURLE_RECV_ERROR}};
+        // Of a body and a TLS connection that both end early, libcurl 7.88 reports the first, 8.14 the second.
+        const std::map<Delivery, Matcher<CURLcode>> failures{
+            {Delivery::never, CURLE_OPERATION_TIMEDOUT},
+            {Delivery::truncated, AnyOf(CURLE_PARTIAL_FILE, CURLE_RECV_ERROR)},
+            {Delivery::reset, CURLE_RECV_ERROR}};
         const auto failure = failures.find(outcome.delivery);
-        EXPECT_EQ(reply.code, failure == failures.end() ? CURLE_OK : failure->second);
+        EXPECT_THAT(reply.code, failure == failures.end() ? Matcher<CURLcode>(CURLE_OK) : failure->second);
         EXPECT_EQ(reply.status, outcome.status);
         EXPECT_GE(reply.seconds, outcome.delivery == Delivery::late ? 1.4 : 0);
         const std::string answer = last().answer, type(outcome.contentType);
-        EXPECT_EQ(reply.body, answer.substr(0, answer.size() / (reply.code == CURLE_PARTIAL_FILE ? 2 : 1)));
+        EXPECT_EQ(reply.body, answer.substr(0, answer.size() / (outcome.delivery == Delivery::truncated ? 2 : 1)));
         EXPECT_EQ(answer.empty(), outcome.status == 0 || outcome.body.empty());
         EXPECT_THAT(answer, Not(HasSubstr("%")));
         EXPECT_EQ(reply.headers.find("Content-Type: " + type + "\r\n") != std::string::npos,

@@ -1,3 +1,4 @@
+// The HTTPS client of the SDK and of hosts: forms out, JSON in. `POST` and the serializers for any thread.
 #pragma once
 
 #include <chrono>
@@ -111,10 +112,15 @@ private:
 /// Requests run on one I/O thread of the client's own, started with the first request; callbacks are
 /// delivered on the completion queue, the main queue unless the host sets another. Certificates are always
 /// verified; redirects are not followed; answers over 16 MiB of body (after decompression) or 256 KiB of
-/// header are cut off as failures. Up to eight requests are under way at once, on connections that are kept
-/// for the next ones; the others wait in line, where they do not age. A request whose bytes keep trickling
-/// ends after ten times its timeout, at least a minute. The environment's proxy settings (`https_proxy`,
-/// `all_proxy`, `no_proxy`) are honoured.
+/// header are cut off as failures. Up to eight requests are under way at once; the others wait in line, where
+/// they do not age. A request whose bytes keep trickling ends after ten times its timeout, at least a minute.
+/// The environment's proxy settings (`https_proxy`, `all_proxy`, `no_proxy`) are honoured.
+///
+/// A request is sent at most once: where the connection is lost, the request fails, and it is the caller's to
+/// send it again. An answer that ends early is no answer. One that states neither length nor chunks, so that
+/// only the end of the connection ends it, counts only where its body is a whole JSON array or dictionary.
+/// With libcurl 8.1 or newer a connection is used again within 4 seconds; with an older one each request
+/// makes its own.
 ///
 /// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a
 /// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Requests still under
@@ -147,11 +153,15 @@ public:
 
     /// Where callbacks of requests made from now on are delivered; an empty function means the main queue. A
     /// queue that runs tasks at once runs them on the I/O thread, where they must not take long.
+    ///
+    /// What a callback throws leaves the task that runs it: on the main queue it comes out of `drain` or
+    /// `run…`. On the I/O thread (a queue that runs tasks at once, or that throws itself) it ends the process
+    /// by `std::terminate`.
     virtual void setCompletionQueue(CompletionQueue queue);
 
-    /// Trusts a certificate authority beside the system's, for requests made from now on: a PEM file, or PEM
-    /// text. A file that cannot be read or holds no certificate makes every request fail with a text that
-    /// names it.
+    /// Trusts a certificate authority beside the system's, for requests made from now on, to the server and
+    /// to a proxy that is spoken to over TLS: a PEM file, or PEM text. A file that cannot be read or holds no
+    /// certificate makes every request fail with a text that names it.
     void addTrustedCertificateAuthorityFile(const std::filesystem::path& file);
     void addTrustedCertificateAuthority(std::string pem);
 

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <latch>
 #include <span>
 
 #include <gmock/gmock.h>
@@ -69,7 +70,7 @@ TEST(AFHTTPSessionManagerTest, SendsFormsWithTheHeadersAsTheyStoodAtTheCallAndRe
                           Not(HasSubstr("Authorization")), HasSubstr("\r\ncontent-type: text/plain\r\n"),
                           HasSubstr("\r\nContent-Length: 0\r\n")),
                     AllOf(EndsWith("\r\n\r\nv=" + value), Not(HasSubstr("Expect")))));
-    EXPECT_EQ(server.connectionCount(), 1);
+    EXPECT_EQ(server.connectionCount(), keepsConnections() ? 1 : 3);
 }
 
 // What is answered
@@ -131,16 +132,97 @@ TEST(AFHTTPSessionManagerTest, ARefusedHeaderIsNamedAndNothingIsSent) {
 // -------------------------------------------------------------------------------------------------------
 
 TEST(AFHTTPSessionManagerTest, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
-    const TLSServer server([](Connection& connection) {
+    std::latch isClosed(1);
+    const TLSServer server([&](Connection& connection) {
         connection.readRequest();
         connection.answer();
-        connection.readRequest();  // on its way when the first connection ends
+        connection.closeTLS();
+        if (!isClosed.try_wait()) isClosed.count_down();
     });
     const auto client = clientOf(server.address());
     EXPECT_TRUE(performPOST(*client).isSuccess());
+    isClosed.wait();
     const Outcome outcome = performPOST(*client);
     EXPECT_TRUE(outcome.isSuccess()) << outcome;
     EXPECT_EQ(server.connectionCount(), 2);
+}
+
+TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersFailure) {
+    const std::pair<const char*, std::function<void(Connection&)>> ends[] = {
+        {"closed", [](Connection&) {}},
+        {"reset", [](Connection& connection) { connection.reset(); }},
+        {"cut", [](Connection& connection) { connection.write("HTTP/1.1 200 OK\r\n"); }},
+    };
+    for (const auto& [end, endConnection] : ends) {
+        for (const std::size_t size : {0u, 10u, 1u << 20}) {
+            for (const bool isFirst : {true, false}) {
+                SCOPED_TRACE(end + (" after " + std::to_string(size)) + (isFirst ? " first" : " then"));
+                std::atomic<int> requests = 0;
+                const TLSServer server([&, &endConnection = endConnection](Connection& connection) {
+                    while (true) {
+                        const std::string request = connection.readRequest();
+                        if (request.starts_with("POST /lost")) {
+                            ++requests;
+                            return endConnection(connection);
+                        }
+                        if (request.empty() || !connection.answer()) return;
+                    }
+                });
+                const auto client = clientOf(server.address());
+                EXPECT_TRUE(isFirst || performPOST(*client).isSuccess());
+                const Value form = Value::dictionary({{"v", std::string(size, 'x')}});
+                const Outcome outcome = performPOST(*client, "lost", size == 0 ? Value() : form);
+                EXPECT_TRUE(outcome.isFailure(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)) << outcome;
+                EXPECT_EQ(requests, 1);
+            }
+        }
+    }
+}
+
+TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
+    const std::string okay = "HTTP/1.1 200 OK\r\n"s + kJSON;
+    const std::string stolen = okay + "Content-Length: 18\r\n\r\n{\"token\":\"stolen\"}";
+    std::string answer, more;
+    std::chrono::milliseconds pause = 0ms;
+    bool isSeparate = false;
+    std::atomic<int> written = 0;
+    const TLSServer server([&](Connection& connection) {
+        for (std::string request; !(request = connection.readRequest()).empty();) {
+            if (request.starts_with("POST /own")) {
+                connection.answer("{\"token\":\"own\"}");
+                continue;
+            }
+            connection.write(isSeparate ? answer : answer + more);
+            if (isSeparate && connection.wait(pause)) connection.write(more);
+            written = written + 1;
+            written.notify_all();
+        }
+    });
+    const auto client = clientOf(server.address());
+    int round = 0;
+    for (const std::string& first : {
+             okay + "Content-Length: 2\r\n\r\n{}",
+             okay + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n",
+             okay + "Content-Length: 0\r\n\r\n", "HTTP/1.1 204 Nothing\r\n\r\n"s,
+             "HTTP/1.1 304 Same\r\n\r\n"s,
+             "HTTP/1.1 200 OK\r\n X: y\r\nContent-Length: 0\r\n\r\n"s,  // crashed libcurl 7.88 on a used
+                                                                        // handle
+         }) {
+        for (const std::string& unasked : {stolen, "x"s, "HTTP/1.1 408 Late\r\nContent-Length: 0\r\n\r\n"s}) {
+            for (const auto time : {-1ms, 0ms, 30ms}) {
+                SCOPED_TRACE(first + unasked + std::to_string(time.count()));
+                answer = first;
+                more = unasked;
+                isSeparate = time >= 0ms;
+                pause = time;
+                EXPECT_EQ(performPOST(*client, "first").callbacks, 1);
+                written.wait(round++);
+                const Outcome own = performPOST(*client, "own");
+                EXPECT_TRUE(own.isSuccess() ? own.object["token"] == Value("own") : keepsConnections())
+                    << own;
+            }
+        }
+    }
 }
 
 TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {

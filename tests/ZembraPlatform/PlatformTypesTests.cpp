@@ -34,8 +34,9 @@ TEST(NSError, PrintsItsTextsAndItsCauses) {
         Value::dictionary({{"message", "line\nbreak"}, {"attempt", 2}, {NSUnderlyingErrorKey, bare}}));
     const Value info = Value::dictionary(
         {{"hint", "Mend it."}, {NSLocalizedDescriptionKey, "It broke."}, {NSUnderlyingErrorKey, message}});
-    EXPECT_EQ(testing::PrintToString(NSError("c", 1, info)),
-              R"(c 1 "It broke.", "hint": "Mend it.", caused by b 0, "message": "line\nbreak", caused by a -2)");
+    EXPECT_EQ(
+        testing::PrintToString(NSError("c", 1, info)),
+        R"(c 1 "It broke.", "hint": "Mend it.", caused by b 0, "message": "line\nbreak", caused by a -2)");
     EXPECT_EQ(bare->localizedDescription(), "The operation could not be completed (a, code -2).");
     EXPECT_TRUE(NSError("d", 1, "text").userInfo().isNothing());
     EXPECT_TRUE(NSError("d", 1, Value::dictionary({})).userInfo().isDictionary());

@@ -2,6 +2,8 @@
 
 #include <chrono>
 
+#include <curl/curl.h>
+
 #include <ZembraPlatform/MainQueue.h>
 
 #include "support/TLSServer.h"
@@ -13,6 +15,10 @@ std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address) {
     client->addTrustedCertificateAuthority(TLSServer::certificateAuthority());
     client->requestSerializer().setTimeoutInterval(std::chrono::seconds(20));
     return client;
+}
+
+bool keepsConnections() {
+    return ::curl_version_info(CURLVERSION_NOW)->version_num >= 0x080100;
 }
 
 OutcomePtr startPOST(AFHTTPSessionManager& client, std::string_view path, const Value& parameters) {

@@ -29,6 +29,9 @@ inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome) {
 /// A client that trusts the authority of `TLSServer` and has a timeout of 20 seconds.
 std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address);
 
+/// Whether clients use connections again, which depends on the libcurl at hand.
+bool keepsConnections();
+
 using OutcomePtr = std::shared_ptr<Outcome>;
 
 /// Starts a request; the outcome fills as the main queue is drained.

@@ -65,8 +65,9 @@ public:
             request.append(buffer, static_cast<std::size_t>(count));
             const std::size_t end = request.find(kEnd);
             if (end == std::string::npos) continue;
-            const char* const length = request.c_str() + request.find(kLength) + kLength.size();
-            size = end + kEnd.size() + std::strtoull(length, nullptr, 10);
+            const std::size_t length = request.find(kLength);
+            size = end + kEnd.size();
+            if (length < end) size += std::strtoull(&request[length + kLength.size()], nullptr, 10);
         }
         return request;
     }
@@ -94,6 +95,9 @@ public:
         ::SSL_accept(ssl_.get());
         hold();
     }
+
+    /// Tells the client that nothing follows, as TLS does at the proper end of a connection.
+    void closeTLS() { ::SSL_shutdown(ssl_.get()); }
 
     /// Makes the connection end with a reset.
     void reset() const {

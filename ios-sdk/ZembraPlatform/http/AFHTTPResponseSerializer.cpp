@@ -6,22 +6,15 @@
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 #include <ZembraPlatform/NSJSONSerialization.h>
 
+#include "http/HTTPText.h"
+
 namespace zembra {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t";
-
 /// A content type without its parameters: "text/html" of "text/html; charset=utf-8".
 std::string_view withoutParameters(std::string_view contentType) noexcept {
-    contentType = contentType.substr(0, contentType.find(';'));
-    contentType.remove_prefix(std::min(contentType.find_first_not_of(kBlanks), contentType.size()));
-    return contentType.substr(0, contentType.find_last_not_of(kBlanks) + 1);
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
-    const NSHTTPURLResponse::FieldNameLess less;
-    return !less(a, b) && !less(b, a);
+    return trimmed(contentType.substr(0, contentType.find(';')));
 }
 
 NSErrorPtr unacceptable(AFHTTPSessionErrorCode code, const std::shared_ptr<NSHTTPURLResponse>& response,

@@ -10,6 +10,7 @@
 
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 #include <ZembraPlatform/MainQueue.h>
+#include <ZembraPlatform/NSJSONSerialization.h>
 
 #include "http/ClientThread.h"
 #include "http/HTTPFailure.h"
@@ -35,8 +36,7 @@ struct ZEMBRA_HIDDEN AFHTTPSessionManager::State {
 
     std::mutex mutex;  // guards what follows
     CompletionQueue completionQueue;
-    std::shared_ptr<const TrustedCertificates> authorities =
-        std::make_shared<TrustedCertificates>(HTTPEngine::systemCertificateFile());
+    std::shared_ptr<const TrustedCertificates> authorities = TrustedCertificates::ofSystem();
 };
 
 namespace {
@@ -83,6 +83,13 @@ auto reporter(Progress progress, CompletionQueue queue) {
             state->progress(state->bytesSent, total);
         });
     };
+}
+
+/// Whether a text that may have been cut was not: no beginning of an array or a dictionary is one itself.
+bool isWholeCollection(const std::string& json) {
+    NSErrorPtr error;
+    const Value value = NSJSONSerialization::JSONObjectWithData(json, &error);
+    return value.isArray() || value.isDictionary();
 }
 
 /// The callbacks of one request and what they are told.
@@ -183,7 +190,11 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
         task, std::move(queue), std::move(success), std::move(failure), request.didSend, {}, nullptr});
     ClientThread::Completion complete = [delivery = std::move(delivery),
                                          state = state_](HTTPOutcome outcome) mutable {
-        delivery->error = std::move(outcome.error);
+        delivery->error =
+            outcome.endsWithConnection && !isWholeCollection(outcome.body)
+                ? networkError(NSURLErrorNetworkConnectionLost,
+                               "The connection was lost before the answer's end, or told nothing of it.")
+                : std::move(outcome.error);
         if (!delivery->error) {
             try {
                 const auto response = std::make_shared<NSHTTPURLResponse>(

@@ -40,11 +40,6 @@ bool HTTPEngine::prepareProcess() {
     return isGuarded && ::curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK;
 }
 
-std::string HTTPEngine::systemCertificateFile() {
-    const char* const file = ::curl_version_info(CURLVERSION_NOW)->cainfo;
-    return file ? file : "";
-}
-
 HTTPEngine::HTTPEngine(int wakeDescriptor)
     : multi_([] {
           const std::shared_lock inside(forkGate);

@@ -26,9 +26,6 @@ public:
     /// that fails. From then on no engine is inside libcurl while the process forks.
     [[nodiscard]] static bool prepareProcess();
 
-    /// The PEM file of the system's certificate authorities.
-    [[nodiscard]] static std::string systemCertificateFile();
-
     /// After `prepareProcess`, on any thread. `wakeDescriptor` being readable ends `runOnce` at once.
     explicit HTTPEngine(int wakeDescriptor);
     ~HTTPEngine();

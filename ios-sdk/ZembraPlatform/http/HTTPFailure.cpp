@@ -2,11 +2,47 @@
 // circumstances.
 #include "http/HTTPFailure.h"
 
+#include <system_error>
+
 #include <curl/curl.h>
 
 namespace zembra {
 
 namespace {
+
+/// libcurl's own text, for results where it cannot hold anything of the request or of a proxy's URL.
+std::string detailOf(const HTTPFailure& failure) {
+    return failure.detail.empty() ? "." : " (" + failure.detail + ").";
+}
+
+NSErrorPtr tooLargeError(const HTTPFailure& failure) {
+    return networkError(NSURLErrorDataLengthExceedsMaximum,
+                        "The answer of " + failure.host + " is too large.");
+}
+
+NSErrorPtr notHTTPError(const HTTPFailure& failure) {
+    return networkError(NSURLErrorBadServerResponse, "The answer of " + failure.host + " is not valid HTTP.");
+}
+
+NSErrorPtr undecodableError(const HTTPFailure& failure) {
+    return networkError(NSURLErrorCannotDecodeContentData,
+                        "The compressed answer of " + failure.host + " cannot be read.");
+}
+
+NSErrorPtr lostError(const HTTPFailure& failure) {
+    return networkError(NSURLErrorNetworkConnectionLost,
+                        "The connection to " + failure.host + " was lost" + detailOf(failure));
+}
+
+NSErrorPtr proxyError(const HTTPFailure& failure) {
+    const std::string proxy = "The proxy on the way to " + failure.host;
+    constexpr long kAuthenticationRequired = 407;
+    if (failure.proxyStatus == kAuthenticationRequired)
+        return networkError(NSURLErrorCannotConnectToHost, proxy + " asks for a name and a password.");
+    const std::string status =
+        failure.proxyStatus == 0 ? "" : " (status " + std::to_string(failure.proxyStatus) + ')';
+    return networkError(NSURLErrorCannotConnectToHost, proxy + " refused to connect" + status + '.');
+}
 
 NSErrorPtr timeoutError(const HTTPFailure& failure) {
     const char* phase = "looking up the host";
@@ -33,6 +69,7 @@ NSErrorPtr timeoutError(const HTTPFailure& failure) {
 /// What was wrong with the server's certificate. The numbers are OpenSSL's.
 NSErrorPtr certificateError(const HTTPFailure& failure) {
     enum : long {
+        kNoFault = 0,
         kNotYetValid = 9,
         kExpired = 10,
         kSelfSigned = 18,
@@ -55,10 +92,22 @@ NSErrorPtr certificateError(const HTTPFailure& failure) {
             return networkError(NSURLErrorServerCertificateHasUnknownRoot,
                                 certificate + " was issued by an unknown authority (trusted are those in " +
                                     failure.trustOrigin + ").");
+        case kNoFault:
+            return networkError(NSURLErrorServerCertificateUntrusted,
+                                certificate + " was made for another host.");
         default:
             return networkError(NSURLErrorServerCertificateUntrusted,
-                                certificate + " cannot be trusted: " + failure.detail + '.');
+                                certificate + " cannot be trusted" + detailOf(failure));
     }
+}
+
+/// The failure of what was received, or was not; libcurl puts faults of an answer's form in the same words as
+/// those of the connection.
+NSErrorPtr receivingError(const HTTPFailure& failure) {
+    // 7.88: "Malformed encoding found in chunked-encoding"; 8.14 also: "invalid chunk size:
+    // 'ffffffffffffffff'".
+    if (failure.detail.find("chunk") != std::string::npos) return notHTTPError(failure);
+    return lostError(failure);
 }
 
 }  // namespace
@@ -70,10 +119,25 @@ NSErrorPtr networkError(NSURLErrorCode code, std::string_view text) {
 
 NSErrorPtr errorOf(const HTTPFailure& failure) {
     const std::string& host = failure.host;
-    if (failure.fault == HTTPFault::outOfMemory)
-        return networkError(NSURLErrorUnknown, "The request to " + host + " failed: out of memory.");
-    // libcurl's own text is passed on only where it cannot hold anything of the request.
-    const std::string detail = failure.detail.empty() ? "." : " (" + failure.detail + ").";
+    switch (failure.fault) {
+        case HTTPFault::none:
+            break;
+        case HTTPFault::outOfMemory:
+            return networkError(NSURLErrorUnknown, "The request to " + host + " failed: out of memory.");
+        case HTTPFault::answerTooLarge:
+            return tooLargeError(failure);
+        case HTTPFault::answerNotHTTP:
+            return notHTTPError(failure);
+        case HTTPFault::headerCut:
+        case HTTPFault::sentTwice:
+            return lostError(failure);
+    }
+    const bool isTunnelOpen = failure.proxyStatus >= 200 && failure.proxyStatus <= 299;
+    if (failure.proxyStatus != 0 && !isTunnelOpen && failure.result != CURLE_OPERATION_TIMEDOUT)
+        return proxyError(failure);
+
+    constexpr int kTooLarge = 100;  // CURLE_TOO_LARGE, from libcurl 8.6 on
+    const bool isReceiving = failure.phase == HTTPPhase::receiving;
     switch (failure.result) {
         case CURLE_OPERATION_TIMEDOUT:
             return timeoutError(failure);
@@ -86,45 +150,55 @@ NSErrorPtr errorOf(const HTTPFailure& failure) {
             return networkError(NSURLErrorCannotFindHost,
                                 "The proxy on the way to " + host + " cannot be found.");
         case CURLE_PROXY:
-            return networkError(NSURLErrorCannotConnectToHost,
-                                "The proxy refused to connect to " + host + '.');
-        case CURLE_COULDNT_CONNECT:
-            return networkError(NSURLErrorCannotConnectToHost, "Cannot connect to " + host + detail);
+            return proxyError(failure);
+        case CURLE_COULDNT_CONNECT: {
+            std::string text = "Cannot connect to " + host;
+            if (failure.systemError != 0)
+                text += ": " + std::generic_category().message(static_cast<int>(failure.systemError));
+            return networkError(NSURLErrorCannotConnectToHost, text + '.');
+        }
+        case CURLE_RECV_ERROR:
+            return receivingError(failure);
         case CURLE_GOT_NOTHING:
         case CURLE_PARTIAL_FILE:
-        case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
-            return networkError(NSURLErrorNetworkConnectionLost,
-                                "The connection to " + host + " was lost" + detail);
+        case CURLE_SEND_FAIL_REWIND:
+            return lostError(failure);
         case CURLE_PEER_FAILED_VERIFICATION:
         case CURLE_SSL_ISSUER_ERROR:
             return certificateError(failure);
         case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CLIENTCERT:
             return networkError(NSURLErrorClientCertificateRejected,
-                                host + " asks for a client certificate" + detail);
+                                host + " asks for a client certificate" + detailOf(failure));
         case CURLE_SSL_CACERT_BADFILE:
-            return networkError(
-                NSURLErrorSecureConnectionFailed,
-                "The trusted certificate authorities cannot be read from " + failure.trustOrigin + detail);
+            return networkError(NSURLErrorSecureConnectionFailed,
+                                "The trusted certificate authorities cannot be read from " +
+                                    failure.trustOrigin + detailOf(failure));
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_SSL_CIPHER:
         case CURLE_USE_SSL_FAILED:
             return networkError(NSURLErrorSecureConnectionFailed,
-                                "No secure connection to " + host + " could be made" + detail);
+                                "No secure connection to " + host + " could be made" + detailOf(failure));
         case CURLE_BAD_CONTENT_ENCODING:
-            return networkError(NSURLErrorCannotDecodeContentData,
-                                "The compressed answer of " + host + " cannot be read.");
-        case CURLE_WRITE_ERROR:
-        case CURLE_OUT_OF_MEMORY:  // which is also how libcurl puts a single header line that is too long
+            // 8.14: "Unsolicited Transfer-Encoding (gzip) found"
+            if (failure.detail.find("Transfer-Encoding") != std::string::npos) return notHTTPError(failure);
+            return undecodableError(failure);
+        case CURLE_WRITE_ERROR:  // of libcurl's decoder: the transfer's own refusals have a fault
+            return undecodableError(failure);
+        case CURLE_OUT_OF_MEMORY:  // 7.88 says so of a header line that is too long
+            if (isReceiving) return tooLargeError(failure);
+            break;
         case CURLE_FILESIZE_EXCEEDED:
-            if (failure.fault == HTTPFault::answerTooLarge || failure.phase == HTTPPhase::receiving)
-                return networkError(NSURLErrorDataLengthExceedsMaximum,
-                                    "The answer of " + host + " is too large.");
+        case kTooLarge:
+            return tooLargeError(failure);
+        case CURLE_BAD_FUNCTION_ARGUMENT:  // of a trailer that is no field
+            if (isReceiving) return notHTTPError(failure);
             break;
         case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_UNSUPPORTED_PROTOCOL:  // an answer without a status line: only https is ever asked for
         case CURLE_HTTP2:
-            return networkError(NSURLErrorBadServerResponse, "The answer of " + host + " is not valid HTTP.");
+            return notHTTPError(failure);
         default:
             break;
     }

@@ -71,7 +71,8 @@ void HTTPRequest::resolve(const std::string& base, std::string_view path) {
     const std::unique_ptr<CURLU, decltype(&::curl_url_cleanup)> parsed(::curl_url(), &::curl_url_cleanup);
     constexpr unsigned kFlags = CURLU_NON_SUPPORT_SCHEME | CURLU_URLENCODE | CURLU_DISALLOW_USER;
     const bool isText = std::ranges::none_of(path, isControl) && std::ranges::none_of(base, isControl);
-    if (!parsed || !isText || ::curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), kFlags) != CURLUE_OK ||
+    if (!parsed || !isText ||
+        ::curl_url_set(parsed.get(), CURLUPART_URL, base.c_str(), kFlags) != CURLUE_OK ||
         ::curl_url_set(parsed.get(), CURLUPART_URL, std::string(path).c_str(), kFlags) != CURLUE_OK) {
         error = networkError(NSURLErrorBadURL, "The request was not sent: its URL is not valid.");
         return;

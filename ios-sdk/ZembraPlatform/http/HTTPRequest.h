@@ -1,4 +1,5 @@
-// What one exchange sends; made by the HTTP client on the thread of its caller, read by the client's I/O thread.
+// What one exchange sends; made by the HTTP client on the thread of its caller, read by the client's I/O
+// thread.
 #pragma once
 
 #include <chrono>

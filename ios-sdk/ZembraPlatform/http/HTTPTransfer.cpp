@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <new>
+#include <system_error>
 #include <type_traits>
 #include <utility>
 
@@ -12,7 +13,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <ZembraPlatform/NSJSONSerialization.h>
+#include "http/HTTPText.h"
+#include "system/FileContents.h"
 
 namespace zembra {
 
@@ -23,7 +25,13 @@ using std::chrono::milliseconds;
 constexpr std::size_t kLargestBody = std::size_t{16} << 20;
 constexpr std::size_t kLargestHeader = std::size_t{256} << 10;
 constexpr std::uint64_t kMostReceived = std::uint64_t{64} << 20;  // whatever it is, for one answer
-constexpr long kLongestConnectionLife = 300;                      // seconds
+constexpr std::size_t kLargestAuthorityFile = std::size_t{4} << 20;
+
+// Connections are kept where libcurl is new enough, and used again within that many seconds of their last use
+// and of their making. Servers close idle ones; 5 s is the least of the common limits.
+constexpr unsigned kKeepingVersion = 0x080100;
+constexpr long kLongestIdleness = 4;
+constexpr long kLongestConnectionLife = 300;
 
 /// The end of a request whose bytes keep trickling: so many times its timeout, and at least a minute.
 constexpr int kLongestExchangeInTimeouts = 10;
@@ -69,6 +77,24 @@ std::uint64_t receivedOn(int socket) {
     return info.tcpi_bytes_received;
 }
 
+/// The same for the server and for a proxy that is spoken to over TLS.
+void setAuthorities(Options& options, const TrustedCertificates& authorities) {
+    const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
+    const auto set = [&](CURLoption directory, CURLoption file, CURLoption text) {
+        options.set(directory, orNull(authorities.directory())).set(file, orNull(authorities.file()));
+        std::string pem = authorities.additions();
+        if (pem.empty()) return;
+        // libcurl takes either a file or a text. A system without that file still has the added ones.
+        std::error_code ignored;
+        if (!authorities.file().empty())
+            pem += contentsOfFile(authorities.file(), kLargestAuthorityFile, ignored);
+        curl_blob blob{pem.data(), pem.size(), CURL_BLOB_COPY};
+        options.set(text, &blob);
+    };
+    set(CURLOPT_CAPATH, CURLOPT_CAINFO, CURLOPT_CAINFO_BLOB);
+    set(CURLOPT_PROXY_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAINFO_BLOB);
+}
+
 }  // namespace
 
 HTTPTransfer::HTTPTransfer(HTTPRequest request)
@@ -105,18 +131,20 @@ int HTTPTransfer::setUp() {
         .set(CURLOPT_NOSIGNAL, 1L)
         .set(CURLOPT_QUICK_EXIT, 1L)
         .set(CURLOPT_TCP_KEEPALIVE, 1L)
-        .set(CURLOPT_MAXLIFETIME_CONN, kLongestConnectionLife)
         .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()))
         .set(CURLOPT_OPENSOCKETFUNCTION, &onOpenSocket)
         .set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
     options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
         .set(CURLOPT_SSL_VERIFYPEER, 1L)
         .set(CURLOPT_SSL_VERIFYHOST, 2L)
-        .set(CURLOPT_CAPATH, static_cast<char*>(nullptr))  // with it nothing is cached
-        .set(CURLOPT_CAINFO, request_.authorities->file().c_str())
-        .set(CURLOPT_PROXY_CAPATH, static_cast<char*>(nullptr))
-        .set(CURLOPT_PROXY_CAINFO,
-             request_.authorities->file().c_str());  // of a proxy that is spoken to by https
+        .set(CURLOPT_PREREQFUNCTION, &onSend)
+        .set(CURLOPT_PREREQDATA, static_cast<void*>(this));
+    if (::curl_version_info(CURLVERSION_NOW)->version_num >= kKeepingVersion)
+        options.set(CURLOPT_MAXAGE_CONN, kLongestIdleness)
+            .set(CURLOPT_MAXLIFETIME_CONN, kLongestConnectionLife);
+    else
+        options.set(CURLOPT_FRESH_CONNECT, 1L).set(CURLOPT_FORBID_REUSE, 1L);
+    setAuthorities(options, *request_.authorities);
     options.set(CURLOPT_POST, 1L)
         .set(CURLOPT_HTTPHEADER, headerLines_.get())
         .set(CURLOPT_POSTFIELDS, request_.body.c_str())
@@ -152,6 +180,13 @@ HTTPTransfer* HTTPTransfer::of(void* easy) noexcept {
 int HTTPTransfer::onOpenSocket(void* self, int, curl_sockaddr* address) {
     static_cast<HTTPTransfer*>(self)->isConnecting_ = true;
     return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+/// libcurl is about to send the request: on a connection that was lost meanwhile it may want to do so twice.
+int HTTPTransfer::onSend(void* self, char*, char*, int, int) {
+    auto& transfer = *static_cast<HTTPTransfer*>(self);
+    if (transfer.isSent_) transfer.fault_ = HTTPFault::sentTwice;
+    return std::exchange(transfer.isSent_, true) ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
 }
 
 void HTTPTransfer::begin() {
@@ -207,44 +242,11 @@ std::size_t HTTPTransfer::onHeader(char* data, std::size_t, std::size_t count, v
         transfer.fault_ = HTTPFault::answerTooLarge;
         return 0;
     }
-    std::string_view line(data, count);
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
-        line.remove_suffix(1);
-    try {
-        transfer.readHeaderLine(line);
-    } catch (const std::bad_alloc&) {
-        transfer.fault_ = HTTPFault::outOfMemory;
+    if (!transfer.framing_.takeLine({data, count})) {
+        transfer.fault_ = HTTPFault::answerNotHTTP;
         return 0;
     }
     return count;
-}
-
-void HTTPTransfer::readHeaderLine(std::string_view line) {
-    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
-    const auto trimmed = [&](std::string_view text) {
-        while (!text.empty() && isBlank(text.front()))
-            text.remove_prefix(1);
-        while (!text.empty() && isBlank(text.back()))
-            text.remove_suffix(1);
-        return text;
-    };
-    auto& fields = outcome_.fields;
-    if (line.starts_with("HTTP/")) {  // also after an interim answer
-        fields.clear();
-        lastValue_ = nullptr;
-        isHeaderComplete_ = false;
-    } else if (line.empty()) {
-        isHeaderComplete_ = true;
-    } else if (isHeaderComplete_) {
-        // A trailer; nothing in it concerns the answer's body.
-    } else if (isBlank(line.front())) {
-        if (lastValue_) lastValue_->append(" ").append(trimmed(line));
-    } else if (const std::size_t colon = line.find(':'); colon != std::string_view::npos) {
-        const std::string_view value = trimmed(line.substr(colon + 1));
-        const auto [field, isNew] = fields.try_emplace(std::string(trimmed(line.substr(0, colon))), value);
-        if (!isNew) field->second.append(", ").append(value);
-        lastValue_ = &field->second;
-    }
 }
 
 std::size_t HTTPTransfer::onBody(char* data, std::size_t, std::size_t count, void* self) {
@@ -267,10 +269,16 @@ std::size_t HTTPTransfer::onBody(char* data, std::size_t, std::size_t count, voi
 // -------------------------------------------------------------------------------------------------------
 
 HTTPOutcome HTTPTransfer::finish(int result) {
-    long status = 0;
-    if (result == CURLE_OK) result = ::curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
-    outcome_.status = status;
-    if (result == CURLE_OK) return std::move(outcome_);
+    if (result == CURLE_OK && !framing_.hasWholeHeader())
+        fault_ = HTTPFault::headerCut;  // libcurl 7.88 is content
+    if (result == CURLE_OK && fault_ == HTTPFault::none) {
+        try {
+            readAnswer();
+            return std::move(outcome_);
+        } catch (const std::bad_alloc&) {
+            fault_ = HTTPFault::outOfMemory;
+        }
+    }
     HTTPFailure failure{.result = result,
                         .fault = fault_,
                         .phase = phase(),
@@ -278,7 +286,26 @@ HTTPOutcome HTTPTransfer::finish(int result) {
                         .detail = errorText_.data(),
                         .trustOrigin = request_.authorities->origin()};
     ::curl_easy_getinfo(easy_, CURLINFO_SSL_VERIFYRESULT, &failure.verifyResult);
+    ::curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &failure.systemError);
+    ::curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &failure.proxyStatus);
     return {.error = errorOf(failure)};
+}
+
+/// Status and fields of the last answer: those of interim ones, proxies and trailers are other kinds to
+/// libcurl.
+void HTTPTransfer::readAnswer() {
+    long status = 0;
+    ::curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    outcome_.status = status;
+    outcome_.endsWithConnection = framing_.endsWithConnection();
+    constexpr int kLastAnswer = -1;
+    for (curl_header* field = nullptr;
+         (field = ::curl_easy_nextheader(easy_, CURLH_HEADER, kLastAnswer, field)) != nullptr;) {
+        std::string text = field->value;
+        std::ranges::replace(text, '\r', ' ');  // libcurl 7.88 leaves one where a folded value goes on
+        const auto [known, isNew] = outcome_.fields.try_emplace(field->name, trimmed(text));
+        if (!isNew) known->second.append(", ").append(trimmed(text));
+    }
 }
 
 HTTPPhase HTTPTransfer::phase() const {
@@ -286,7 +313,7 @@ HTTPPhase HTTPTransfer::phase() const {
         curl_off_t microseconds = 0;
         return ::curl_easy_getinfo(easy_, time, &microseconds) == CURLE_OK && microseconds > 0;
     };
-    if (headerSize_ > 0) return HTTPPhase::receiving;
+    if (headerSize_ > 0 || isOver(CURLINFO_STARTTRANSFER_TIME_T)) return HTTPPhase::receiving;
     if (isOver(CURLINFO_PRETRANSFER_TIME_T)) return HTTPPhase::waiting;
     if (!isOver(CURLINFO_NAMELOOKUP_TIME_T)) return HTTPPhase::resolving;
     return isConnecting_ ? HTTPPhase::connecting : HTTPPhase::securing;

@@ -8,13 +8,13 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <ZembraPlatform/NSError.h>
 #include <ZembraPlatform/NSURL.h>
 
 #include "http/HTTPFailure.h"
+#include "http/HTTPFraming.h"
 #include "http/HTTPRequest.h"
 
 struct curl_slist;
@@ -28,11 +28,16 @@ struct HTTPOutcome {
     NSInteger status = 0;
     NSHTTPURLResponse::HeaderFields fields = {};
     std::string body = {};
+
+    /// Whether the answer states neither length nor chunks: it ended with the connection, and may have been
+    /// cut.
+    bool endsWithConnection = false;
 };
 
 /// One request on its way. A libcurl handle is never used for a second exchange: libcurl 7.88 reads freed
 /// memory when the second answer's header starts with a folded line, and counts retries over the life of the
-/// handle.
+/// handle. Connections are used again with libcurl 8.1 or newer alone: older ones take what is left of one
+/// answer for the next one, and a connection that the server has closed for an open one.
 class HTTPTransfer {
 public:
     using Clock = std::chrono::steady_clock;
@@ -80,12 +85,13 @@ public:
 private:
     // libcurl's callbacks, with its types as they are at bottom
     static int onOpenSocket(void* self, int purpose, curl_sockaddr* address);
+    static int onSend(void* self, char*, char*, int, int);
     static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
 
     [[nodiscard]] int setUp();
-    void readHeaderLine(std::string_view line);
     [[nodiscard]] HTTPPhase phase() const;
+    void readAnswer();
 
     const HTTPRequest request_;
     void* const easy_;
@@ -99,11 +105,11 @@ private:
     std::int64_t bodySent_ = 0;
     bool isReportDue_ = false;
     bool isConnecting_ = false;  // from the first socket that was opened to the first connection
+    bool isSent_ = false;        // or about to be
 
     // The answer so far
     HTTPOutcome outcome_;
-    std::string* lastValue_ = nullptr;  // of its header
-    bool isHeaderComplete_ = false;
+    HTTPFraming framing_;
     HTTPFault fault_ = HTTPFault::none;
     std::size_t headerSize_ = 0;
 };

@@ -1,13 +1,10 @@
+// Whom an HTTP client trusts: where the system keeps its authorities, and what the host added.
 #include "http/TrustedCertificates.h"
 
-#include <cerrno>
-#include <cstddef>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
-#include <sys/mman.h>
-#include <unistd.h>
+#include <curl/curl.h>
 
 #include "system/FileContents.h"
 
@@ -17,13 +14,14 @@ namespace {
 
 constexpr std::size_t kLargestFile = std::size_t{4} << 20;
 
-bool writeAll(int descriptor, std::string_view text) noexcept {
-    while (!text.empty()) {
-        const ssize_t count = ::write(descriptor, text.data(), text.size());
-        if (count <= 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
+/// Whether the TLS library finds authorities there by the hash of their names.
+bool hasHashedEntries(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(directory, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (entry->path().extension() == ".0") return true;
     }
-    return true;
+    return false;
 }
 
 bool holdsCertificate(const std::string& pem) noexcept {
@@ -33,34 +31,18 @@ bool holdsCertificate(const std::string& pem) noexcept {
 
 }  // namespace
 
-TrustedCertificates::TrustedCertificates(std::string systemFile)
-    : origin_(systemFile), systemFile_(systemFile), file_(std::move(systemFile)) {}
-
-TrustedCertificates::TrustedCertificates(const TrustedCertificates& base, const std::string& origin,
-                                         const std::string& pem, std::optional<std::string> problem)
-    : origin_(base.origin_ + ", " + origin),
-      additions_(base.additions_ + pem + '\n'),
-      systemFile_(base.systemFile_),
-      problem_(std::move(problem)) {
-    if (base.problem_) problem_ = base.problem_;
-    if (problem_) return;
-    if (!holdsCertificate(pem)) {
-        problem_ = origin + " holds no PEM certificate";
-        return;
-    }
-    // A system without authorities of its own (a bare container) still has the added ones.
-    std::error_code ignored;
-    const std::string all = contentsOfFile(systemFile_, kLargestFile, ignored) + '\n' + additions_;
-    descriptor_ = ::memfd_create("zembra-certificates", MFD_CLOEXEC);
-    if (descriptor_ == -1 || !writeAll(descriptor_, all)) {
-        problem_ = origin + " cannot be added: " + std::generic_category().message(errno);
-        return;
-    }
-    file_ = "/proc/self/fd/" + std::to_string(descriptor_);
+TrustedCertificates::TrustedCertificates(const std::filesystem::path& directory, std::string file) {
+    if (hasHashedEntries(directory))
+        directory_ = directory.string();
+    else
+        file_ = std::move(file);
+    origin_ = directory_ + file_;
 }
 
-TrustedCertificates::~TrustedCertificates() {
-    if (descriptor_ != -1) ::close(descriptor_);
+std::shared_ptr<const TrustedCertificates> TrustedCertificates::ofSystem() {
+    const auto orEmpty = [](const char* text) { return text ? text : ""; };
+    const curl_version_info_data& libcurl = *::curl_version_info(CURLVERSION_NOW);
+    return std::make_shared<TrustedCertificates>(orEmpty(libcurl.capath), orEmpty(libcurl.cainfo));
 }
 
 std::shared_ptr<const TrustedCertificates> TrustedCertificates::withFile(
@@ -69,13 +51,21 @@ std::shared_ptr<const TrustedCertificates> TrustedCertificates::withFile(
     const std::string pem = contentsOfFile(file, kLargestFile, error);
     std::optional<std::string> problem;
     if (error) problem = file.string() + " cannot be read: " + error.message();
-    return std::shared_ptr<const TrustedCertificates>(
-        new TrustedCertificates(*this, file.string(), pem, std::move(problem)));
+    return with(file.string(), pem, std::move(problem));
 }
 
 std::shared_ptr<const TrustedCertificates> TrustedCertificates::withText(const std::string& pem) const {
-    return std::shared_ptr<const TrustedCertificates>(
-        new TrustedCertificates(*this, "the given text", pem, std::nullopt));
+    return with("the given text", pem, std::nullopt);
+}
+
+std::shared_ptr<const TrustedCertificates> TrustedCertificates::with(
+    const std::string& origin, const std::string& pem, std::optional<std::string> problem) const {
+    if (!problem && !holdsCertificate(pem)) problem = origin + " holds no PEM certificate";
+    auto longer = std::make_shared<TrustedCertificates>(*this);
+    longer->origin_ += ", " + origin;
+    longer->additions_ += pem + '\n';
+    if (!longer->problem_) longer->problem_ = std::move(problem);
+    return longer;
 }
 
 }  // namespace zembra

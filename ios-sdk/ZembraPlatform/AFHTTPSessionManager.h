@@ -112,9 +112,10 @@ private:
 /// Requests run on one I/O thread of the client's own, started with the first request; callbacks are
 /// delivered on the completion queue, the main queue unless the host sets another. Certificates are always
 /// verified; redirects are not followed; answers over 16 MiB of body (after decompression) or 256 KiB of
-/// header are cut off as failures. Up to eight requests are under way at once; the others wait in line, where
-/// they do not age. A request whose bytes keep trickling ends after ten times its timeout, at least a minute.
-/// The environment's proxy settings (`https_proxy`, `all_proxy`, `no_proxy`) are honoured.
+/// header, or over 64 MiB of anything on the wire, are cut off as failures. Up to eight requests are under
+/// way at once; the others wait in line, where they do not age. A request whose bytes keep trickling ends
+/// after ten times its timeout, at least a minute. The environment's proxy settings (`https_proxy`,
+/// `all_proxy`, `no_proxy`) are honoured.
 ///
 /// A request is sent at most once: where the connection is lost, the request fails, and it is the caller's to
 /// send it again. An answer that ends early is no answer. One that states neither length nor chunks, so that
@@ -123,9 +124,12 @@ private:
 /// makes its own.
 ///
 /// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a
-/// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Requests still under
-/// way when the process exits are dropped without a callback; in a forked child every request of a client
-/// made before fails.
+/// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Once leaving the
+/// process has begun, requests are dropped without a callback, those under way as well as new ones; no thread
+/// is started. In a forked child every request of a client made before fails.
+///
+/// Where memory runs out on the I/O thread the request at hand fails; the process ends (`std::terminate`)
+/// only where even that cannot be told.
 ///
 /// A host's tests derive from the class and override `POST`: no thread is started, nothing touches the
 /// network.
@@ -168,7 +172,8 @@ public:
     /// Sends `parameters` (a dictionary; each value as its text) as a URL-encoded form to `path`, resolved
     /// against the base URL. The request is built during the call, with the headers as they stand; the call
     /// does not wait. Exactly one of `success` and `failure` runs, once, later, never inside the call.
-    /// `progress` runs as bytes of the body go out. Returns the task, which may be dropped.
+    /// `progress` runs as bytes of the body go out. Returns the task, which may be dropped. Throws
+    /// `std::bad_alloc` where memory runs out; nothing is sent then, and no callback runs.
     virtual Task POST(std::string_view path, const Value& parameters, Progress progress, Success success,
                       Failure failure);
 

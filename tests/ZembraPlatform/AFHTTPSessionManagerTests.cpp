@@ -1,4 +1,6 @@
 #include <algorithm>
+#include <cstdlib>
+#include <fstream>
 #include <latch>
 #include <span>
 
@@ -231,6 +233,10 @@ TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
     const auto isRefused = [&](NSInteger code) {
         return performPOST(client).isFailure(NSURLErrorDomain, code);
     };
+    // OpenSSL's own variable is none of the SDK's.
+    const std::string file = TempDir() + "AFHTTPSessionManagerTests.pem";
+    std::ofstream(file) << TLSServer::certificateAuthority();
+    ::setenv("SSL_CERT_FILE", file.c_str(), 1);
     EXPECT_TRUE(isRefused(NSURLErrorServerCertificateHasUnknownRoot));
     const auto other = sandbox::makeCertificate({.commonName = "Other", .isAuthority = true});
     client.addTrustedCertificateAuthority(other.pem);
@@ -241,6 +247,14 @@ TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
     EXPECT_TRUE(performPOST(client).isSuccess()) << "the earlier ones stay";
     client.addTrustedCertificateAuthority("no PEM");
     EXPECT_TRUE(isRefused(NSURLErrorSecureConnectionFailed));
+}
+
+TEST(AFHTTPSessionManagerTest, AddedAuthoritiesVouchForAProxyByHTTPSToo) {
+    std::string request;
+    const TLSServer proxy([&](Connection& connection) { request = connection.readRequest(); });
+    ::setenv("https_proxy", proxy.address().c_str(), 1);
+    const Outcome outcome = performPOST(*clientOf("https://server.example/"));
+    EXPECT_THAT(request, StartsWith("CONNECT server.example:443 ")) << outcome;
 }
 
 // Callbacks and the end of a client

@@ -55,7 +55,7 @@ bool KeyTable::areDistinct(std::span<Key* const> keys) {
 
 KeyTable::Key*& KeyTable::slotOf(std::string_view string) {
     const std::size_t mask = slots_.size() - 1;
-    std::size_t position = hashOfKey(string) & mask;
+    std::size_t position = static_cast<std::size_t>(hashOfKey(string)) & mask;
     while (slots_[position] != nullptr && slots_[position]->string != string)
         position = (position + 1) & mask;
     return slots_[position];

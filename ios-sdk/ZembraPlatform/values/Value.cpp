@@ -33,7 +33,7 @@ constexpr std::size_t slotCountFor(std::size_t entryCount) noexcept {
 /// The slot of `key`, or the empty one where it belongs.
 Slot& slotOfKey(std::string_view key, std::span<Slot> slots, const Value::Entry* entries) noexcept {
     const std::size_t mask = slots.size() - 1;
-    std::size_t position = hashOfKey(key) & mask;
+    std::size_t position = static_cast<std::size_t>(hashOfKey(key)) & mask;
     while (slots[position] != 0 && entries[slots[position] - 1].key.string() != key)
         position = (position + 1) & mask;
     return slots[position];

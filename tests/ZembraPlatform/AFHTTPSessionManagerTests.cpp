@@ -88,7 +88,10 @@ TEST(AFHTTPSessionManagerTest, ReadsAnswersInEveryForm) {
                     "3\r\n{\"a\r\n4\r\n\":1}\r\n0\r\nContent-Type: text/html\r\n\r\n",
              "HTTP/1.0 201 Created\r\n"s + kJSON + "\r\n" + body,
          }) {
-        const TLSServer server(saying(answer));
+        const TLSServer server([&](Connection& connection) {
+            saying(answer)(connection);
+            connection.closeTLS();
+        });
         const Outcome outcome = performPOST(*clientOf(server.address()));
         EXPECT_TRUE(outcome.isSuccess()) << answer << outcome;
         EXPECT_EQ(outcome.object["a"].integer(), 1) << answer;

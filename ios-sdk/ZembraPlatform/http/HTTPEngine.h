@@ -74,7 +74,6 @@ private:
     struct MultiDeleter {
         void operator()(void* multi) const noexcept;
     };
-    const std::unique_ptr<void, MultiDeleter> multi_;
     std::deque<Waiting> waiting_;
     std::vector<Active> active_;
     std::vector<Ended> ended_;
@@ -85,6 +84,9 @@ private:
     std::optional<Clock::time_point> timer_;
     bool hasLostSocket_ = false;
     Clock::time_point looked_;  // when the sockets were last looked at
+
+    // The first to go: libcurl 8 still calls `onSocket` while it closes the connections that it keeps.
+    const std::unique_ptr<void, MultiDeleter> multi_;
 };
 
 }  // namespace zembra

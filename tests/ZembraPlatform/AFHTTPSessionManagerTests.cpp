@@ -252,14 +252,6 @@ TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
     EXPECT_TRUE(isRefused(NSURLErrorSecureConnectionFailed));
 }
 
-TEST(AFHTTPSessionManagerTest, AddedAuthoritiesVouchForAProxyByHTTPSToo) {
-    std::string request;
-    const TLSServer proxy([&](Connection& connection) { request = connection.readRequest(); });
-    ::setenv("https_proxy", proxy.address().c_str(), 1);
-    const Outcome outcome = performPOST(*clientOf("https://server.example/"));
-    EXPECT_THAT(request, StartsWith("CONNECT server.example:443 ")) << outcome;
-}
-
 // Callbacks and the end of a client
 // -------------------------------------------------------------------------------------------------------
 

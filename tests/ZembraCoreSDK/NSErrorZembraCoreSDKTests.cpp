@@ -1,6 +1,9 @@
 // The error catalogue and the mapping of failures, as tables.
 
-#include <tuple>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,42 +37,34 @@ TEST(ErrorFactory, TakesAnyCodeAndLetsTheCallersEntriesWin) {
     }
 }
 
-/// A bundle with a text for every key, as a module's error class states its own.
-struct ModuleBundle : NSBundle {
-    ModuleBundle() : NSBundle(Value()) {}
+/// A bundle with a text for every key, as a module states its own for its error class.
+class OwnedBundle : public NSBundle {
+public:
+    explicit OwnedBundle(std::string owner) : NSBundle(Value()), owner_(std::move(owner)) {}
+
     std::string localizedStringForKey(std::optional<std::string_view> key, std::optional<std::string_view>,
                                       std::optional<std::string_view>) const override {
-        return "the module's " + std::string(*key);
+        return owner_ + "'s " + std::string(*key);
     }
+
+private:
+    std::string owner_;
 };
 class ModuleError : public NSError {
-    ZMB_BUNDLE(ModuleError, std::make_shared<ModuleBundle>())
+    ZMB_BUNDLE(ModuleError, std::make_shared<OwnedBundle>("module"))
 public:
     using NSError::NSError;
 };
-struct DerivedModuleError : ModuleError {
+struct BundlelessError : ModuleError {
     using ModuleError::ModuleError;
 };
 
-TEST(ErrorFactory, UsesTheClassAndTheBundleOfTheReceivingType) {
+TEST(ErrorFactory, TakesTheTextFromTheBundleOfTheReceivingClassItself) {
+    NSBundle::setMainBundle(std::make_shared<OwnedBundle>("host"));
     const std::shared_ptr<ModuleError> error = sdkAuthServerSideError<ModuleError>();
-    EXPECT_THAT(error, IsAuthError(3, "the module's server_error"));
-    // A bundle is stated by each class for itself.
-    EXPECT_THAT(sdkAuthServerSideError<DerivedModuleError>(), IsAuthError(3, "server_error"));
-}
-
-TEST(ErrorFactory, PlainErrorsTakeNoTextFromTheHost) {
-    NSBundle::setMainBundle(std::make_shared<ModuleBundle>());
-    const std::tuple<NSErrorPtr, NSInteger, const char*> rows[] = {
-        {sdkAuthNetworkError(makeError("cause")), 0, "network_error"},
-        {sdkAuthWrongInformationError(), 1, "wrong_information"},
-        {sdkAuthUnauthorizedError(), 2, "app_unauthorized_error"},
-        {sdkAuthServerSideError(), 3, "server_error"},
-        {ZMBCoreErrorWithResponse(nullptr, 500), 3, "internal_error"},
-        {sdkAuthServerSideError<DerivedModuleError>(), 3, "the module's server_error"},  // it has no bundle
-    };
-    for (const auto& [error, code, message] : rows)
-        EXPECT_THAT(error, IsAuthError(code, message));
+    EXPECT_THAT(error, IsAuthError(3, "module's server_error"));
+    EXPECT_THAT(sdkAuthServerSideError<BundlelessError>(), IsAuthError(3, "host's server_error"));
+    EXPECT_THAT(sdkAuthServerSideError(), IsAuthError(3, "server_error")) << "the platform's bundle";
 }
 
 TEST(ErrorMapping, TriesItsRowsInOrder) {
@@ -103,9 +98,8 @@ TEST(ErrorMapping, TriesItsRowsInOrder) {
     const NSErrorPtr& error = rows[1].first;
     EXPECT_EQ(ZMBAuthError(error)->userInfo(),
               Value::dictionary({{"error message", "network_error"}, {NSUnderlyingErrorKey, error}}));
-    for (const auto& [status, message] : {std::pair(401, "app_unauthorized_error"), {500, "internal_error"}})
-        EXPECT_EQ(ZMBCoreErrorWithResponse(nullptr, withStatus(status))->userInfo(),
-                  Value::dictionary({{"error message", message}}));
+    EXPECT_EQ(ZMBCoreErrorWithResponse(nullptr, withStatus(500))->userInfo(),
+              Value::dictionary({{"error message", "internal_error"}}));
 }
 
 }  // namespace

@@ -24,14 +24,7 @@ MainQueue& queue() {
     return MainQueue::shared();
 }
 
-class RecipeTest : public Test {
-protected:
-    RecipeTest() { setHostBundle("sandbox.demo", "com.example.host"); }
-
-    const sandbox::SandboxServer server;
-    const std::shared_ptr<ZMBSDKAuthManager> manager =
-        sharedManagerAt(server.baseAddress(), server.certificateAuthority());
-};
+using RecipeTest = SandboxTest;
 
 TEST_F(RecipeTest, AFutureWaitsOnAnotherThread) {
     bool isDone = false;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include <ZembraSandbox/SandboxServer.h>
+#include <gtest/gtest.h>
 
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>
 
@@ -33,5 +34,15 @@ inline void setHostBundle(const Value& clientId, const Value& bundleIdentifier) 
     NSBundle::setMainBundle(std::make_shared<NSBundle>(
         Value::dictionary({{"ZMBSDKClientID", clientId}, {"CFBundleIdentifier", bundleIdentifier}})));
 }
+
+/// A registered host with a server of its own.
+class SandboxTest : public testing::Test {
+protected:
+    SandboxTest() { setHostBundle("sandbox.demo", "com.example.host"); }
+
+    const sandbox::SandboxServer server;
+    const std::shared_ptr<ZMBSDKAuthManager> manager =
+        sharedManagerAt(server.baseAddress(), server.certificateAuthority());
+};
 
 }  // namespace zembra::test

@@ -1,7 +1,10 @@
+// How JSON keys become property names, which keys never do, and how JSON is screened for those.
+
 #include <optional>
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,10 +20,7 @@ namespace {
 using namespace std::string_literals;
 
 TEST(CamelizationTests, FollowsTheByteRule) {
-    struct Row {
-        std::string key, name;
-    };
-    const Row rows[] = {
+    const std::pair<std::string, std::string> rows[] = {
         {"", ""},
         {"id", "id"},
         {"account_id", "accountId"},

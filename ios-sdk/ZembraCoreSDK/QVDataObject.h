@@ -78,6 +78,10 @@ struct DataObjectDescription : ClassDescription {
 
     ArrayHook arrayPropertyForKey;    ///< `nullptr` where the class has no such hook.
     DateFormatterHook dateFormatter;  ///< The same.
+
+    /// Whether the class, or a described one above it, overrides `dataObjectClassForKey` or
+    /// `setPropertyValue`.
+    bool overridesMapping;
 };
 
 namespace detail {
@@ -108,6 +112,10 @@ inline constexpr bool derivesFrom =
 /// The first replaces an array that came for the property `key` (a view for the length of the call), unless
 /// the property's class is a data-object class; what is no array counts as an empty one. The second is asked
 /// once for every string that meets a date property. They run on the caller's thread, inside the call.
+///
+/// A derived class may override the three virtual operations. An override of the last two in a class without
+/// `ZMB_DATA_OBJECT` is not seen by the mapping where a class with that line, below it, names the root's
+/// operation again (`using QVDataObject::setPropertyValue`).
 class ZEMBRA_EXPORT QVDataObject : public NSObject {
 public:
     QVDataObject() = default;
@@ -227,8 +235,24 @@ struct DataObjectAccess {
             {Self::zembraName, &typeid(Self), &classOfProperty<typename Self::ZembraBase>, properties,
              creationOf<Self>()},
             arrayHook(),
-            dateFormatterHook()};
+            dateFormatterHook(),
+            overridesMapping()};
         return description;
+    }
+
+    /// Overrides that cannot be named, since they are private or overloaded, count too.
+    static constexpr bool overridesMapping() {
+        if constexpr (std::is_same_v<Self, QVDataObject>) {
+            return false;
+        } else {
+            constexpr bool namesThoseOfTheRoot = requires {
+                requires std::is_same_v<decltype(&Self::dataObjectClassForKey),
+                                        decltype(&QVDataObject::dataObjectClassForKey)>;
+                requires std::is_same_v<decltype(&Self::setPropertyValue),
+                                        decltype(&QVDataObject::setPropertyValue)>;
+            };
+            return !namesThoseOfTheRoot || DataObjectAccess<typename Self::ZembraBase>::overridesMapping();
+        }
     }
 
 private:

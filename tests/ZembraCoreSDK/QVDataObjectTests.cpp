@@ -226,6 +226,29 @@ TEST(QVDataObjectTests, OverridesChangeTheMapping) {
     EXPECT_EQ(Renamed::objectWithJSON("plain text")->name.get(), "plain text");
 }
 
+/// Overrides count wherever they stand: in a class without a line of its own, in a described one above.
+class Between : public Place {
+protected:
+    void setPropertyValue(Value value, std::string_view key, const ClassDescription& cls) override {
+        Place::setPropertyValue(std::move(value), key == "name" ? "displayName" : key, cls);
+    }
+};
+class BelowBetween : public Between {
+    ZMB_DATA_OBJECT(BelowBetween, Place)
+};
+class Lowest : public BelowBetween {
+    ZMB_DATA_OBJECT(Lowest, BelowBetween)
+    using QVDataObject::setPropertyValue;
+};
+
+TEST(QVDataObjectTests, OverridesOfOtherClassesCount) {
+    Between between;
+    ASSERT_TRUE(between.initWithJSON(JSON(R"({"name": 1})")));
+    EXPECT_EQ(contents(between), JSON(R"({"displayName": 1})"));
+    EXPECT_EQ(contents(*BelowBetween::objectWithJSON(JSON(R"({"name": 1})"))), JSON(R"({"displayName": 1})"));
+    EXPECT_EQ(contents(*Lowest::objectWithJSON(JSON(R"({"name": 1})"))), JSON(R"({"displayName": 1})"));
+}
+
 // Declared properties
 // --------------------------------------------------------------------------------------------------------
 

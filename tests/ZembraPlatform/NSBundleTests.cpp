@@ -159,6 +159,7 @@ TEST(MessageCatalogues, ThatAreDamagedHaveNoTexts) {
         {"empty", "empty", "empty"},          // its other translation empty
         {"beyond", "server_error", "server_error"},
         {"across", "server_error", "server_error"},
+        {"malformed", "server_error", "server_error"},  // no UTF-8
     };
     std::filesystem::create_directories(kOwnPath / "en/LC_MESSAGES");
     for (const auto& [name, key, text] : cases) {

@@ -21,8 +21,7 @@ std::vector<std::shared_ptr<Place>> placesOfAccount(std::shared_ptr<PlacesError>
     }
     const zembra::Value json = zembra::NSJSONSerialization::JSONObjectWithData(
         R"([{"display_name": "Mill", "owner_info": {"full_name": "Ada"}}, {"display_name": "Quay"}])");
-    return Place::objectsWithArrayOfUntrustedJSON(json).value_or(
-        std::vector<std::shared_ptr<Place>>());
+    return Place::objectsWithArrayOfUntrustedJSON(json).value_or(std::vector<std::shared_ptr<Place>>());
 }
 
 }  // namespace places

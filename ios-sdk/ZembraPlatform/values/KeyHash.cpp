@@ -1,4 +1,4 @@
-// See the header.
+// SipHash-2-4 with a secret of the process; any thread may call it.
 
 #include "values/KeyHash.h"
 
@@ -21,8 +21,9 @@ Secret drawSecret() noexcept {
         const auto word = [&random] { return std::uint64_t{random()} << 32 | random(); };
         return {word(), word()};
     } catch (const std::exception&) {  // a system without randomness: hard to guess, at least
-        const auto now = std::chrono::system_clock::now().time_since_epoch().count();
-        return {static_cast<std::uint64_t>(now), reinterpret_cast<std::uintptr_t>(&now)};
+        const auto wall = std::chrono::system_clock::now().time_since_epoch().count();
+        const auto uptime = std::chrono::steady_clock::now().time_since_epoch().count();
+        return {static_cast<std::uint64_t>(wall), static_cast<std::uint64_t>(uptime)};
     }
 }
 

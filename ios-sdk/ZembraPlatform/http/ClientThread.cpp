@@ -96,8 +96,8 @@ private:
         }
     }
 
-    Registry* const parent_;  // reachable, so that no leak is reported
-    std::mutex mutex_;        // guards what follows
+    [[maybe_unused]] Registry* const parent_;  // reachable, so that no leak is reported
+    std::mutex mutex_;                         // guards what follows
     bool isLeaving_ = false;
     std::vector<std::weak_ptr<ClientThread>> threads_;  // those that were started
     std::vector<std::shared_ptr<ClientThread>> inherited_;

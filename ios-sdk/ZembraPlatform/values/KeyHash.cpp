@@ -1,4 +1,4 @@
-// SipHash-2-4 with a secret of the process; any thread may call it.
+// Hashes keys for tables in memory by SipHash-1-3; any thread may call it.
 
 #include "values/KeyHash.h"
 

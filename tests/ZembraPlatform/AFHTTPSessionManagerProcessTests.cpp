@@ -1,12 +1,14 @@
 // What the HTTP client does to the process that it lives in.
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <latch>
+#include <semaphore>
 #include <set>
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -22,6 +24,14 @@ static bool isForkedChild = false;
 extern "C" __attribute__((visibility("default"))) int __lsan_is_turned_off();
 int __lsan_is_turned_off() {
     return isForkedChild ? 1 : 0;
+}
+
+static int cleanups = 0;
+
+/// Stands in for libcurl's in this program, and counts.
+extern "C" __attribute__((visibility("default"))) void curl_global_cleanup() {
+    ++cleanups;
+    reinterpret_cast<decltype(&::curl_global_cleanup)>(::dlsym(RTLD_NEXT, "curl_global_cleanup"))();
 }
 
 namespace zembra::test {
@@ -66,7 +76,7 @@ TEST(AFHTTPSessionManagerProcessTest, AForkedChildExitsCleanAndItsRequestsFailPl
             if (!usesClient) std::exit(0);
             const auto outcome = performPOST(*client);
             client.reset();
-            std::exit(outcome.isFailure(NSURLErrorDomain, NSURLErrorCannotLoadFromNetwork) ? 0 : 1);
+            std::exit(outcome.isFailure(NSURLErrorCannotLoadFromNetwork) ? 0 : 1);
         }
         int status = -1;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -77,21 +87,21 @@ TEST(AFHTTPSessionManagerProcessTest, AForkedChildExitsCleanAndItsRequestsFailPl
 }
 
 TEST(AFHTTPSessionManagerProcessTest, ItsDescriptorsAreNotInheritedByPrograms) {
-    std::latch isStalled(1);
+    std::counting_semaphore stalled(0);
     const TLSServer server([&](Connection& connection) {
         connection.readRequest();
-        isStalled.count_down();
+        stalled.release();
         connection.hold();
     });
     const std::set<int> inherited = descriptors(0), own = descriptors(FD_CLOEXEC);
-    auto client = clientOf(server.address());
-    const auto outcome = startPOST(*client);
-    isStalled.wait();
-    EXPECT_EQ(descriptors(0), inherited);
-    EXPECT_GE(descriptors(FD_CLOEXEC).size(), own.size() + 3);  // its own two and the server's
-    client.reset();
-    await(outcome);
-    EXPECT_LE(descriptors(FD_CLOEXEC).size(), own.size() + 1);  // the server's end may still be open
+    for (int count = 0; count < 6; ++count) {
+        const auto client = clientOf(server.address());
+        startPOST(*client);
+        stalled.acquire();
+        EXPECT_EQ(descriptors(0), inherited);
+        EXPECT_GE(descriptors(FD_CLOEXEC).size(), own.size() + 3);  // its own two and the server's
+    }
+    EXPECT_LE(descriptors(FD_CLOEXEC).size(), own.size() + 2);  // the server's ends may still be open
 }
 
 TEST(AFHTTPSessionManagerProcessTest, SignalsStayTheHostsAndAnIdleClientDoesNotWakeUp) {
@@ -104,8 +114,12 @@ TEST(AFHTTPSessionManagerProcessTest, SignalsStayTheHostsAndAnIdleClientDoesNotW
         return handlers;
     };
     const auto before = dispositions();
-    const TLSServer server;
+    const TLSServer server([](Connection& connection) {
+        if (connection.readRequest().starts_with("POST /stall")) connection.hold();
+        connection.answer();
+    });
     const auto client = clientOf(server.address());
+    startPOST(*client, "stall");
     EXPECT_TRUE(performPOST(*client).isSuccess());
     EXPECT_EQ(dispositions(), before);
     const std::uint64_t blocked = ofIOThread("status", "SigBlk:", 16);
@@ -116,28 +130,32 @@ TEST(AFHTTPSessionManagerProcessTest, SignalsStayTheHostsAndAnIdleClientDoesNotW
     const auto wakeUps = [] { return ofIOThread("status", "\nvoluntary_ctxt_switches:"); };
     std::this_thread::sleep_for(50ms);  // for the thread to come to rest
     const auto earlier = wakeUps();
+    const std::clock_t used = std::clock();
     std::this_thread::sleep_for(2s);
     EXPECT_LE(wakeUps(), earlier + 2);
+    EXPECT_LT(std::clock() - used, CLOCKS_PER_SEC / 10) << "busy";
 }
 
 TEST(AFHTTPSessionManagerProcessTest, TheHostMayUseLibcurlBeforeDuringAndAfter) {
     const TLSServer server;
+    int uses = 0;
     const auto useCurl = [&] {
         ASSERT_EQ(::curl_global_init(CURL_GLOBAL_ALL), CURLE_OK);
         CURL* const easy = ::curl_easy_init();
         ::curl_easy_setopt(easy, CURLOPT_URL, server.address().c_str());
-        ::curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
         EXPECT_EQ(::curl_easy_perform(easy), CURLE_PEER_FAILED_VERIFICATION);
         ::curl_easy_cleanup(easy);
         ::curl_global_cleanup();
+        EXPECT_EQ(cleanups, ++uses) << "the host's alone";
     };
     useCurl();
-    auto client = clientOf(server.address());
-    const auto outcome = startPOST(*client);
-    useCurl();
-    EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
-    EXPECT_TRUE(performPOST(*client).isSuccess());
-    client.reset();
+    for (int count = 0; count < 2; ++count) {
+        const auto client = clientOf(server.address());
+        const auto outcome = startPOST(*client);
+        useCurl();
+        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
+        EXPECT_TRUE(performPOST(*client).isSuccess());
+    }
     useCurl();
 }
 

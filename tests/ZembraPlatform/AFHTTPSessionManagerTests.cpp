@@ -1,15 +1,10 @@
-#include <algorithm>
+// What the HTTP client sends, reads and tells its callers. Its faults have a file of their own.
 #include <cstdlib>
 #include <fstream>
-#include <latch>
-#include <span>
+#include <ranges>
 
 #include <gmock/gmock.h>
 
-#include <ZembraPlatform/MainQueue.h>
-#include <ZembraPlatform/NSJSONSerialization.h>
-
-#include "support/ClientFaults.h"
 #include "support/Outcome.h"
 #include "support/TLSServer.h"
 
@@ -24,9 +19,6 @@ const AFHTTPSessionManager::CompletionQueue kAtOnce = [](const std::function<voi
     MainQueue::shared().post([] {});
 };
 
-// What is sent
-// -------------------------------------------------------------------------------------------------------
-
 TEST(AFHTTPSessionManagerTest, SendsFormsWithTheHeadersAsTheyStoodAtTheCallAndReportsProgress) {
     std::vector<std::string> requests;
     const TLSServer server([&](Connection& connection) {
@@ -38,6 +30,7 @@ TEST(AFHTTPSessionManagerTest, SendsFormsWithTheHeadersAsTheyStoodAtTheCallAndRe
     serializer.setValue("Bearer one", "Authorization");
     serializer.setValue("", "X-Empty");
     serializer.setValue("12", "Content-Length");
+    serializer.setValue("chunked", "Transfer-Encoding");
     const auto first = startPOST(*client, "app/token",
                                  Value::dictionary({{"name", "a b&c=d/é~"}, {"empty", ""}, {"count", 7}}));
     serializer.setValue(std::nullopt, "authorization");
@@ -47,36 +40,49 @@ TEST(AFHTTPSessionManagerTest, SendsFormsWithTheHeadersAsTheyStoodAtTheCallAndRe
     EXPECT_TRUE(performPOST(*client, "/other?x=1").isSuccess());
 
     const std::string value(std::size_t{2} << 20, 'x');
+    const std::int64_t size = std::ssize(value) + 2;
     std::vector<std::int64_t> reports;
-    bool isDone = false;
-    const auto note = [&](std::int64_t bytesSent, std::int64_t total) {
-        EXPECT_FALSE(isDone);
-        EXPECT_EQ(total, std::ssize(value) + 2);
-        reports.push_back(bytesSent);
+    const auto post = [&](bool& isDone) {
+        const auto note = [&](std::int64_t bytesSent, std::int64_t total) {
+            EXPECT_FALSE(isDone);
+            EXPECT_EQ(total, size);
+            reports.push_back(bytesSent);
+        };
+        const auto end = [&](auto&&...) { isDone = true; };
+        client->POST("token", Value::dictionary({{"v", value}}), note, end, nullptr);
     };
-    client->POST(
-        "token", Value::dictionary({{"v", value}}), note, [&](auto&&...) { isDone = true; }, nullptr);
+    bool isDone = false, isSecondDone = false;
+    post(isDone);
     EXPECT_TRUE(MainQueue::shared().runUntil([&] { return isDone; }, 10s));
     EXPECT_TRUE(std::ranges::is_sorted(reports));
     ASSERT_FALSE(reports.empty());
-    EXPECT_EQ(reports.back(), std::ssize(value) + 2);
+    EXPECT_EQ(reports.back(), size);
 
+    std::atomic<int> waiting = 0;  // on a queue that nobody works off: one report, and the end
+    client->setCompletionQueue([&](auto&&) {
+        ++waiting;
+        MainQueue::shared().post([] {});
+    });
+    post(isSecondDone);
+    EXPECT_TRUE(MainQueue::shared().runUntil([&] { return waiting >= 2; }, 10s));
+    EXPECT_EQ(requests.size(), 4u);
+    EXPECT_EQ(waiting, 2);
+
+    const auto isBig = AllOf(EndsWith("\r\n\r\nv=" + value), Not(HasSubstr("Expect")));
     EXPECT_THAT(
         requests,
         ElementsAre(AllOf(StartsWith("POST /api/v1/app/token HTTP/1.1\r\n"),
                           HasSubstr("\r\nAuthorization: Bearer one\r\n"), HasSubstr("\r\nX-Empty:\r\n"),
                           HasSubstr("\r\nContent-Type: application/x-www-form-urlencoded\r\n"),
+                          HasSubstr("\r\nAccept: application/json\r\n"), Not(HasSubstr("chunked")),
                           HasSubstr("\r\nUser-Agent: AFHTTPSessionManagerTests (Linux "),
                           EndsWith("\r\n\r\nname=a%20b%26c%3Dd%2F%C3%A9~&empty=&count=7")),
                     AllOf(StartsWith("POST /other?x=1 HTTP/1.1\r\n"), Not(HasSubstr("User-Agent")),
                           Not(HasSubstr("Authorization")), HasSubstr("\r\ncontent-type: text/plain\r\n"),
                           HasSubstr("\r\nContent-Length: 0\r\n")),
-                    AllOf(EndsWith("\r\n\r\nv=" + value), Not(HasSubstr("Expect")))));
-    EXPECT_EQ(server.connectionCount(), keepsConnections() ? 1 : 3);
+                    isBig, isBig));
+    EXPECT_EQ(server.connectionCount(), keepsConnections() ? 1 : 4);
 }
-
-// What is answered
-// -------------------------------------------------------------------------------------------------------
 
 TEST(AFHTTPSessionManagerTest, ReadsAnswersInEveryForm) {
     const std::string okay = "HTTP/1.1 200 OK\r\n", body = "{\"a\":1}";
@@ -98,86 +104,30 @@ TEST(AFHTTPSessionManagerTest, ReadsAnswersInEveryForm) {
     }
 }
 
-TEST(AFHTTPSessionManagerTest, EveryFaultHasItsErrorAndNoneTellsASecret) {
-    for (const ClientFault& fault : clientFaults()) {
-        SCOPED_TRACE(fault.name);
-        const NSErrorPtr error = fault.provoke();
-        ASSERT_TRUE(error);
-        EXPECT_EQ(error->domain(), fault.domain) << *error;
-        EXPECT_EQ(error->code(), fault.code) << *error;
-        EXPECT_THAT(PrintToString(*error) + NSJSONSerialization::dataWithJSONObject(error->userInfo()),
-                    AllOf(HasSubstr(fault.textHolds), Not(HasSubstr(kSecret))));
-    }
-}
-
-TEST(AFHTTPSessionManagerTest, ARefusedHeaderIsNamedAndNothingIsSent) {
-    const TLSServer server;
-    const auto client = clientOf(server.address());
-    const auto causeOfRefusal = [&](const std::string& name, const std::string& value) {
-        client->requestSerializer().setValue(value, name);
-        const Outcome outcome = performPOST(*client);
-        client->requestSerializer().setValue(std::nullopt, name);
-        EXPECT_TRUE(outcome.isFailure(AFHTTPSessionErrorDomain, AFHTTPSessionErrorHeaderRefused)) << name;
-        EXPECT_THAT(outcome.error->localizedDescription(), Not(HasSubstr(kSecret)));
-        const auto cause = outcome.error->userInfo()[NSUnderlyingErrorKey].as<NSError>();
-        EXPECT_EQ(cause->code(), AFHTTPSessionErrorInvalidHeader);
-        return cause->localizedDescription();
-    };
-    for (const char control : "\r\n\t\x1F\x7F")  // and a zero byte
-        EXPECT_THAT(causeOfRefusal("X-Token", kSecret + std::string(1, control)),
-                    AllOf(HasSubstr("value"), HasSubstr("X-Token"), Not(HasSubstr(kSecret))));
-    for (const char* const name : {"", "X Y", "X:Y", "X\r\nY", "X\xC3\xA9", "X\x01"})
-        EXPECT_THAT(causeOfRefusal(name, kSecret), AllOf(HasSubstr("name"), Not(HasSubstr(kSecret))));
-    EXPECT_EQ(server.connectionCount(), 0);
-    client->requestSerializer().setValue("h\xC3\xA9", "X-Token");
-    EXPECT_TRUE(performPOST(*client).isSuccess());
-}
-
-// Connections
-// -------------------------------------------------------------------------------------------------------
-
-TEST(AFHTTPSessionManagerTest, AConnectionThatTheServerClosedMeanwhileIsReplaced) {
-    std::latch isClosed(1);
-    const TLSServer server([&](Connection& connection) {
-        connection.readRequest();
-        connection.answer();
-        connection.closeTLS();
-        if (!isClosed.try_wait()) isClosed.count_down();
-    });
-    const auto client = clientOf(server.address());
-    EXPECT_TRUE(performPOST(*client).isSuccess());
-    isClosed.wait();
-    const Outcome outcome = performPOST(*client);
-    EXPECT_TRUE(outcome.isSuccess()) << outcome;
-    EXPECT_EQ(server.connectionCount(), 2);
-}
-
 TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersFailure) {
-    const std::pair<const char*, std::function<void(Connection&)>> ends[] = {
+    const std::pair<const char*, Script> ends[] = {
         {"closed", [](Connection&) {}},
         {"reset", [](Connection& connection) { connection.reset(); }},
         {"cut", [](Connection& connection) { connection.write("HTTP/1.1 200 OK\r\n"); }},
     };
-    for (const auto& [end, endConnection] : ends) {
-        for (const std::size_t size : {0u, 10u, 1u << 20}) {
+    for (const auto& [name, end] : ends) {
+        for (const std::size_t size : {0u, 1u << 20}) {
             for (const bool isFirst : {true, false}) {
-                SCOPED_TRACE(end + (" after " + std::to_string(size)) + (isFirst ? " first" : " then"));
+                SCOPED_TRACE(name + (" after " + std::to_string(size)) + (isFirst ? " first" : " then"));
                 std::atomic<int> requests = 0;
-                const TLSServer server([&, &endConnection = endConnection](Connection& connection) {
-                    while (true) {
-                        const std::string request = connection.readRequest();
-                        if (request.starts_with("POST /lost")) {
-                            ++requests;
-                            return endConnection(connection);
-                        }
-                        if (request.empty() || !connection.answer()) return;
-                    }
+                const TLSServer server([&, &end = end](Connection& connection) {
+                    std::string request = connection.readRequest();
+                    for (; request.starts_with("POST /token"); request = connection.readRequest())
+                        connection.answer();
+                    if (request.empty()) return;
+                    ++requests;
+                    end(connection);
                 });
                 const auto client = clientOf(server.address());
                 EXPECT_TRUE(isFirst || performPOST(*client).isSuccess());
-                const Value form = Value::dictionary({{"v", std::string(size, 'x')}});
-                const Outcome outcome = performPOST(*client, "lost", size == 0 ? Value() : form);
-                EXPECT_TRUE(outcome.isFailure(NSURLErrorDomain, NSURLErrorNetworkConnectionLost)) << outcome;
+                const Outcome outcome =
+                    performPOST(*client, "lost", Value::dictionary({{std::string(size, 'x'), ""}}));
+                EXPECT_TRUE(outcome.isFailure(NSURLErrorNetworkConnectionLost)) << outcome;
                 EXPECT_EQ(requests, 1);
             }
         }
@@ -186,10 +136,8 @@ TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersF
 
 TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
     const std::string okay = "HTTP/1.1 200 OK\r\n"s + kJSON;
-    const std::string stolen = okay + "Content-Length: 18\r\n\r\n{\"token\":\"stolen\"}";
     std::string answer, more;
-    std::chrono::milliseconds pause = 0ms;
-    bool isSeparate = false;
+    std::chrono::milliseconds pause = 0ms;  // between the two; none below 0
     std::atomic<int> written = 0;
     const TLSServer server([&](Connection& connection) {
         for (std::string request; !(request = connection.readRequest()).empty();) {
@@ -197,9 +145,9 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
                 connection.answer("{\"token\":\"own\"}");
                 continue;
             }
-            connection.write(isSeparate ? answer : answer + more);
-            if (isSeparate && connection.wait(pause)) connection.write(more);
-            written = written + 1;
+            connection.write(pause < 0ms ? answer + more : answer);
+            if (pause >= 0ms && connection.wait(pause)) connection.write(more);
+            ++written;
             written.notify_all();
         }
     });
@@ -208,17 +156,18 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
     for (const std::string& first : {
              okay + "Content-Length: 2\r\n\r\n{}",
              okay + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n",
-             okay + "Content-Length: 0\r\n\r\n", "HTTP/1.1 204 Nothing\r\n\r\n"s,
+             okay + "Content-Length: 0\r\n\r\n",
+             "HTTP/1.1 204 Nothing\r\n\r\n"s,
              "HTTP/1.1 304 Same\r\n\r\n"s,
-             "HTTP/1.1 200 OK\r\n X: y\r\nContent-Length: 0\r\n\r\n"s,  // crashed libcurl 7.88 on a used
-                                                                        // handle
+             // crashed libcurl 7.88 on a used handle
+             "HTTP/1.1 200 OK\r\n X: y\r\nContent-Length: 0\r\n\r\n"s,
          }) {
-        for (const std::string& unasked : {stolen, "x"s, "HTTP/1.1 408 Late\r\nContent-Length: 0\r\n\r\n"s}) {
+        for (const std::string& unasked : {okay + "Content-Length: 18\r\n\r\n{\"token\":\"stolen\"}", "x"s,
+                                           "HTTP/1.1 408 Late\r\nContent-Length: 0\r\n\r\n"s}) {
             for (const auto time : {-1ms, 0ms, 30ms}) {
                 SCOPED_TRACE(first + unasked + std::to_string(time.count()));
                 answer = first;
                 more = unasked;
-                isSeparate = time >= 0ms;
                 pause = time;
                 EXPECT_EQ(performPOST(*client, "first").callbacks, 1);
                 written.wait(round++);
@@ -231,29 +180,23 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
 }
 
 TEST(AFHTTPSessionManagerTest, TrustsAddedAuthoritiesFromTheNextRequestOn) {
-    const TLSServer server;
-    AFHTTPSessionManager client(NSURL::URLWithString(server.address()));
-    const auto isRefused = [&](NSInteger code) {
-        return performPOST(client).isFailure(NSURLErrorDomain, code);
-    };
     // OpenSSL's own variable is none of the SDK's.
     const std::string file = TempDir() + "AFHTTPSessionManagerTests.pem";
     std::ofstream(file) << TLSServer::certificateAuthority();
     ::setenv("SSL_CERT_FILE", file.c_str(), 1);
-    EXPECT_TRUE(isRefused(NSURLErrorServerCertificateHasUnknownRoot));
+    const TLSServer server;
+    AFHTTPSessionManager client(NSURL::URLWithString(server.address()));
+    EXPECT_TRUE(performPOST(client).isFailure(NSURLErrorServerCertificateHasUnknownRoot));
     const auto other = sandbox::makeCertificate({.commonName = "Other", .isAuthority = true});
-    client.addTrustedCertificateAuthority(other.pem);
-    EXPECT_TRUE(isRefused(NSURLErrorServerCertificateHasUnknownRoot));
-    client.addTrustedCertificateAuthority(TLSServer::certificateAuthority());
-    EXPECT_TRUE(performPOST(client).isSuccess());
-    client.addTrustedCertificateAuthority(other.pem);
-    EXPECT_TRUE(performPOST(client).isSuccess()) << "the earlier ones stay";
-    client.addTrustedCertificateAuthority("no PEM");
-    EXPECT_TRUE(isRefused(NSURLErrorSecureConnectionFailed));
+    for (const std::string& right : {TLSServer::certificateAuthority(), other.pem}) {
+        client.addTrustedCertificateAuthority(right);  // and the earlier ones stay
+        EXPECT_TRUE(performPOST(client).isSuccess());
+    }
+    for (const std::string& added : {"no PEM"s, other.pem}) {
+        client.addTrustedCertificateAuthority(added);
+        EXPECT_TRUE(performPOST(client).isFailure(NSURLErrorSecureConnectionFailed));
+    }
 }
-
-// Callbacks and the end of a client
-// -------------------------------------------------------------------------------------------------------
 
 TEST(AFHTTPSessionManagerTest, CallbacksComeOnTheCompletionQueueAndNeverInsideTheCall) {
     const TLSServer server;
@@ -287,7 +230,7 @@ TEST(AFHTTPSessionManagerTest, AClientMayBeDestroyedInsideItsCallbackOnAnyThread
         client->setCompletionQueue(queue);
         client->POST(
             "token", {}, nullptr, [&](auto&&...) { client.reset(); }, nullptr);
-        EXPECT_TRUE(await(stalled).isFailure(NSURLErrorDomain, NSURLErrorCancelled)) << *stalled;
+        EXPECT_TRUE(await(stalled).isFailure(NSURLErrorCancelled)) << *stalled;
         EXPECT_FALSE(client);
     }
 }
@@ -295,24 +238,22 @@ TEST(AFHTTPSessionManagerTest, AClientMayBeDestroyedInsideItsCallbackOnAnyThread
 TEST(AFHTTPSessionManagerTest, EveryRequestHasOneCallbackUnderLoadAndDestruction) {
     const TLSServer server;
     for (const bool isDestroyedEarly : {false, true}) {
-        constexpr std::size_t kThreads = 4, kRequests = 50;
         auto client = clientOf(server.address());
-        std::vector<int> callbacks(kThreads * kRequests);
+        std::vector<std::vector<OutcomePtr>> outcomes(4);
         std::vector<std::jthread> threads;
-        for (std::size_t thread = 0; thread < kThreads; ++thread) {
-            threads.emplace_back([&, own = std::span(callbacks).subspan(thread * kRequests, kRequests)] {
-                for (int& count : own) {
-                    const auto note = [&count](auto&&...) { ++count; };
-                    client->POST("token", {}, nullptr, note, note);
-                }
+        for (auto& own : outcomes)
+            threads.emplace_back([&] {
+                while (own.size() < 50)
+                    own.push_back(startPOST(*client));
             });
-        }
         threads.clear();
         if (isDestroyedEarly) client.reset();
-        EXPECT_TRUE(MainQueue::shared().runUntil([&] { return !std::ranges::count(callbacks, 0); }, 60s));
+        for (const OutcomePtr& outcome : outcomes | std::views::join)
+            EXPECT_TRUE(await(outcome).isSuccess() || isDestroyedEarly) << *outcome;
         client.reset();
         MainQueue::shared().drain();
-        EXPECT_THAT(callbacks, Each(1));
+        for (const OutcomePtr& outcome : outcomes | std::views::join)
+            EXPECT_EQ(outcome->callbacks, 1);
     }
 }
 

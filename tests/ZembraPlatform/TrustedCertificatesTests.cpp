@@ -30,7 +30,7 @@ TEST(TrustedCertificatesTest, AreTheDirectorysWhereItIsHashedElseTheFilesAndTheA
     EXPECT_EQ(both->origin(),
               directory.string() + ", " + (directory / "authority.pem").string() + ", the given text");
     EXPECT_FALSE(both->problem());
-    EXPECT_EQ(both->withText("no PEM")->withText("nor this")->problem(),
+    EXPECT_EQ(both->withText("no PEM")->withText("-----BEGIN CERTIFICATE-----")->problem(),
               "the given text holds no PEM certificate");
 }
 

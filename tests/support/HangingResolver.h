@@ -5,14 +5,13 @@
 namespace zembra::test {
 
 /// Names that a program with `HangingResolver.cpp` in it resolves without any network: the first is unknown
-/// at once, asking for the second takes six seconds, the others have several addresses.
+/// at once, asking for the second takes six seconds, the others have several addresses, tried in this order.
 inline constexpr char kUnknownHost[] = "unknown.example";
 inline constexpr char kHangingHost[] = "hanging.example";
 inline constexpr struct {
     const char* name;
-    std::array<const char*, 3> addresses;  // in the order in which they are tried
+    std::array<const char*, 3> addresses;
 } kHostsOfSeveralAddresses[] = {
-    {"two.example", {"127.0.0.2", "127.0.0.1"}},
     {"three.example", {"127.0.0.2", "127.0.0.3", "127.0.0.1"}},
     {"mixed.example", {"::1", "127.0.0.2", "127.0.0.1"}},
 };

@@ -215,9 +215,4 @@ private:
     std::jthread acceptor_;
 };
 
-/// A loopback address at which nothing listens.
-[[nodiscard]] inline std::string refusingAddress() {
-    return TLSServer().address();
-}
-
 }  // namespace zembra::test

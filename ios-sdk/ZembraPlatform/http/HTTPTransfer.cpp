@@ -313,7 +313,11 @@ HTTPPhase HTTPTransfer::phase() const {
         curl_off_t microseconds = 0;
         return ::curl_easy_getinfo(easy_, time, &microseconds) == CURLE_OK && microseconds > 0;
     };
-    if (headerSize_ > 0 || isOver(CURLINFO_STARTTRANSFER_TIME_T)) return HTTPPhase::receiving;
+    curl_off_t sent = 0;
+    ::curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &sent);
+    // libcurl 7.88 starts that time while a large body is still being sent.
+    const bool isReceiving = isOver(CURLINFO_STARTTRANSFER_TIME_T) && sent >= std::ssize(request_.body);
+    if (headerSize_ > 0 || isReceiving) return HTTPPhase::receiving;
     if (isOver(CURLINFO_PRETRANSFER_TIME_T)) return HTTPPhase::waiting;
     if (!isOver(CURLINFO_NAMELOOKUP_TIME_T)) return HTTPPhase::resolving;
     return isConnecting_ ? HTTPPhase::connecting : HTTPPhase::securing;

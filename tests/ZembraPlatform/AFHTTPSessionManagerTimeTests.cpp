@@ -40,8 +40,9 @@ TEST(AFHTTPSessionManagerTimeTest, FailsWhenNothingMovedForTheTimeoutInEveryPhas
     } requests[] = {
         {"sending", at(&Connection::stall), "sending", 0ms, std::string(std::size_t{8} << 20, 'x')},
         {"resolving", "https://"s + kHangingHost + '/', "looking up the host"},
-        {"TLS, unaccepted", unaccepting, "secure connection"},
-        {"connecting", unaccepting, "while connecting"},
+        {"TLS", at(&Connection::hold), "secure connection"},
+        {"unaccepted", unaccepting, "connect"},  // one of the two has a connection, the other none
+        {"unconnected", unaccepting, "connect"},
         {"slow TLS", at([](Connection& connection) {
              connection.slowHandshakeDown();
              answering()(connection);

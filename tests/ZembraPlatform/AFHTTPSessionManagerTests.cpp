@@ -1,7 +1,6 @@
 // What the HTTP client sends, reads and tells its callers. Its faults have a file of their own.
 #include <cstdlib>
 #include <fstream>
-#include <ranges>
 
 #include <gmock/gmock.h>
 
@@ -248,12 +247,14 @@ TEST(AFHTTPSessionManagerTest, EveryRequestHasOneCallbackUnderLoadAndDestruction
             });
         threads.clear();
         if (isDestroyedEarly) client.reset();
-        for (const OutcomePtr& outcome : outcomes | std::views::join)
-            EXPECT_TRUE(await(outcome).isSuccess() || isDestroyedEarly) << *outcome;
+        for (const auto& own : outcomes)
+            for (const OutcomePtr& outcome : own)
+                EXPECT_TRUE(await(outcome).isSuccess() || isDestroyedEarly) << *outcome;
         client.reset();
         MainQueue::shared().drain();
-        for (const OutcomePtr& outcome : outcomes | std::views::join)
-            EXPECT_EQ(outcome->callbacks, 1);
+        for (const auto& own : outcomes)
+            for (const OutcomePtr& outcome : own)
+                EXPECT_EQ(outcome->callbacks, 1);
     }
 }
 

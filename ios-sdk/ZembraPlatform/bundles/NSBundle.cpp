@@ -52,8 +52,9 @@ MainBundle& mainBundleSlot() {
 /// folder of that time.
 std::filesystem::path executablePath() {
     std::error_code error;
-    const auto path = std::filesystem::read_symlink("/proc/self/exe", error);
+    auto path = std::filesystem::read_symlink("/proc/self/exe", error);
     if (!error) return path;
+    // The auxiliary vector holds addresses as numbers. NOLINTNEXTLINE(performance-no-int-to-ptr)
     const auto* const started = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
     return started == nullptr ? std::filesystem::path() : std::filesystem::weakly_canonical(started, error);
 }

@@ -185,7 +185,7 @@ AFHTTPSessionManager::Task AFHTTPSessionManager::POST(std::string_view path, con
             NSURLErrorSecureConnectionFailed,
             "The request was not sent: of the trusted certificate authorities, " + *problem + '.');
     }
-    const Task task = std::make_shared<NSURLSessionTask>(++state_->lastTaskIdentifier, request.url);
+    Task task = std::make_shared<NSURLSessionTask>(++state_->lastTaskIdentifier, request.url);
     auto delivery = std::make_shared<Delivery>(Delivery{
         task, std::move(queue), std::move(success), std::move(failure), request.didSend, {}, nullptr});
     ClientThread::Completion complete = [delivery = std::move(delivery),

@@ -1,7 +1,6 @@
 // The shared manager: its once-only set-up, the app token exchange and the member token refresh. It is used
 // on the thread that drains the main queue.
 
-#include <mutex>
 #include <utility>
 
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>
@@ -70,22 +69,23 @@ void replaceIfAbsent(std::function<void(Arguments...)>& callback) {
     if (!callback) callback = [](Arguments...) {};
 }
 
+std::shared_ptr<ZMBSDKAuthManager> makeInstance(std::shared_ptr<ZMBSDKAuthManager> (*create)(),
+                                                std::string (*cmsAPIHost)()) {
+    auto manager = create();
+    manager->setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString(cmsAPIHost())));
+    if (const auto client = manager->authClient()) configureClient(*client);
+    return manager;
+}
+
 }  // namespace
 
 ZMBSDKAuthManager::~ZMBSDKAuthManager() = default;
 
 std::shared_ptr<ZMBSDKAuthManager> ZMBSDKAuthManager::sharedInstance(
     std::shared_ptr<ZMBSDKAuthManager> (*create)(), std::string (*cmsAPIHost)()) {
-    static std::once_flag once;
-    static auto* const slot = new std::shared_ptr<ZMBSDKAuthManager>;  // never destroyed
-    std::call_once(once, [&] {
-        auto manager = create();
-        manager->setAuthClient(std::make_shared<AFHTTPSessionManager>(NSURL::URLWithString(cmsAPIHost())));
-        if (const auto client = manager->authClient()) configureClient(*client);
-        *slot = std::move(
-            manager);  // last: where one of these throws, nothing stays and the next call starts anew
-    });
-    return *slot;
+    // Never destroyed. Where making it throws, nothing stays and the next call starts anew.
+    static auto* const instance = new auto(makeInstance(create, cmsAPIHost));
+    return *instance;
 }
 
 std::string ZMBSDKAuthManager::cmsAPIHost() {

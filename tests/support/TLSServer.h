@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -168,10 +167,9 @@ public:
     ~TLSServer() {
         ::shutdown(descriptor(), SHUT_RDWR);
         acceptor_ = {};
-        std::unique_lock lock(mutex_);
+        const std::lock_guard lock(mutex_);
         for (const Connection& connection : open_)
             ::shutdown(connection.descriptor, SHUT_RDWR);
-        closed_.wait(lock, [this] { return open_.empty(); });
     }
 
     /// "https://<host>:<port>/"
@@ -195,12 +193,11 @@ private:
             ++connectionCount_;
             const std::lock_guard lock(mutex_);
             open_.emplace_back(::BIO_pop(listener_.get()), context_.get());
-            std::thread([this, connection = std::prev(open_.end())] {
+            threads_.emplace_back([this, connection = std::prev(open_.end())] {
                 script_(*connection);
                 const std::lock_guard closing(mutex_);
                 open_.erase(connection);
-                closed_.notify_all();
-            }).detach();
+            });
         }
     }
 
@@ -211,7 +208,7 @@ private:
     std::atomic<int> connectionCount_ = 0;
     std::mutex mutex_;
     std::list<Connection> open_;  // guarded by it
-    std::condition_variable closed_;
+    std::vector<std::jthread> threads_;  // joined: OpenSSL's end of a thread must not meet that of the process
     std::jthread acceptor_;
 };
 

@@ -48,31 +48,28 @@ std::string_view scannedPart(std::string_view string) noexcept {
 
 /// What became of a key.
 struct Conversion {
-    std::size_t length = 0;  ///< Of what stands before the first zero byte.
-    bool ends = true;
-    bool isASCII = true;
+    const char* end;  ///< Of what was written; `nullptr` where the conversion never ends.
+    bool isASCII;
+    bool holdsZero;
 };
 
 /// Converts the bytes of `scanned` into `out`, which has room for as many.
 Conversion camelize(std::string_view scanned, char* out) noexcept {
-    constexpr std::size_t kNone = std::string_view::npos;
-    std::size_t length = 0;
-    std::size_t firstZero = kNone;
-    unsigned char separators = 0;  // their bits, and those of the bytes after them: all others are letters
-    for (std::size_t index = 0; index < scanned.size(); ++index) {
-        const char byte = scanned[index];
-        if (isLetter(byte)) {
-            out[length++] = byte;
-            continue;
+    unsigned char others = 0;  // the bits of separators and of the bytes after them: all others are letters
+    bool holdsZero = false;
+    const char* const end = scanned.data() + scanned.size();
+    for (const char* next = scanned.data(); next != end; ++next) {
+        char byte = *next;
+        if (!isLetter(byte)) {
+            others |= static_cast<unsigned char>(byte);
+            if (++next == end) return {nullptr, others < 0x80, holdsZero};
+            byte = raised(*next);
+            others |= static_cast<unsigned char>(byte);
+            holdsZero |= byte == '\0';
         }
-        separators |= static_cast<unsigned char>(byte);
-        if (++index == scanned.size()) return {.length = length, .ends = false, .isASCII = separators < 0x80};
-        const char follower = scanned[index];
-        separators |= static_cast<unsigned char>(follower);
-        if (follower == '\0' && firstZero == kNone) firstZero = length;
-        out[length++] = raised(follower);
+        *out++ = byte;
     }
-    return {.length = firstZero == kNone ? length : firstZero, .isASCII = separators < 0x80};
+    return {out, others < 0x80, holdsZero};
 }
 
 }  // namespace
@@ -93,8 +90,9 @@ std::optional<std::string_view> nameForKey(std::string_view key, NameBuffer& buf
         if (!isWellFormedUTF8(key)) return std::nullopt;
         conversion = camelize(scannedPart(key), out);
     }
-    if (!conversion.ends) camelizationNeverEnds();
-    const std::string_view name(out, conversion.length);
+    if (conversion.end == nullptr) camelizationNeverEnds();
+    std::string_view name(out, static_cast<std::size_t>(conversion.end - out));
+    if (conversion.holdsZero) name = name.substr(0, name.find('\0'));
     if (!isASCII && !isWellFormedUTF8(name)) return std::nullopt;
     return name;
 }

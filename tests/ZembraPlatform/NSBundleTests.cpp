@@ -117,8 +117,7 @@ TEST(MessageCatalogues, AreThoseOfTheEnvironmentsLanguages) {
         {{{"LC_ALL", "xx"}, {"LC_MESSAGES", "de"}}, english},
         {{{"LC_ALL", ""}, {"LC_MESSAGES", "de"}, {"LANG", "en"}}, german},  // empty is like absent
         {{{"LANGUAGE", "xx::de_CH:en"}, {"LANG", "C"}}, german},
-        {{{"LANGUAGE", "fr"}, {"LANG", "de_DE"}}, german},  // the French one is not in UTF-8
-        {{{"LANG", "de/../de"}}, english},                  // a path is no language
+        {{{"LANG", "de/../de"}}, english},  // a path is no language
         {{{"LANGUAGE", std::string(65, '_') + ":de"}}, german},
         {{{"LANGUAGE", "a:b:c:d:e:f:g:h:i:j:k:l:m:n:o:p:de"}}, english},  // the 17th is not looked at
     };
@@ -160,6 +159,7 @@ TEST(MessageCatalogues, ThatAreDamagedHaveNoTexts) {
         {"beyond", "server_error", "server_error"},
         {"across", "server_error", "server_error"},
         {"malformed", "server_error", "server_error"},  // no UTF-8
+        {"latin", "a", "a"},                            // its header says ISO 8859-1
     };
     std::filesystem::create_directories(kOwnPath / "en/LC_MESSAGES");
     for (const auto& [name, key, text] : cases) {

@@ -22,7 +22,7 @@ struct Reply {
 /// Sends a form to a server whose certificate must come from `authority` (PEM text).
 inline Reply send(const std::string& url, const std::string& authority, const std::string& form,
                   const std::vector<std::string>& headers = {}, const char* method = "POST",
-                  long timeoutMilliseconds = 20000) {
+                  long timeoutMilliseconds = 60000) {
     const auto append = +[](char* data, std::size_t, std::size_t size, void* text) {
         static_cast<std::string*>(text)->append(data, size);
         return size;

@@ -29,7 +29,7 @@ const std::string kApp = "app/token", kMember = "app/members/token";
 class SandboxServerTest : public Test {
 protected:
     Reply post(const std::string& path, const std::string& form, const Headers& headers = {},
-               const char* method = "POST", long timeout = 20000) {
+               const char* method = "POST", long timeout = 60000) {
         return send(server_.baseAddress("localhost") + path, server_.certificateAuthority(), form, headers,
                     method, timeout);
     }
@@ -56,7 +56,7 @@ TEST_F(SandboxServerTest, RehearsesTheOutcomesOfItsTables) {
                            const Headers& headers = {}) {
         SCOPED_TRACE(form += outcome.value);
         const auto delivery = outcome.delivery;
-        const Reply reply = post(path, form, headers, "POST", delivery == Delivery::never ? 300 : 20000);
+        const Reply reply = post(path, form, headers, "POST", delivery == Delivery::never ? 3000 : 60000);
         EXPECT_THAT(reply.code, codes.at(delivery));
         EXPECT_EQ(reply.status, outcome.status);
         EXPECT_GE(reply.seconds, delivery == Delivery::late ? 1.4 : 0);

@@ -114,13 +114,13 @@ TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersF
             for (const bool isFirst : {true, false}) {
                 SCOPED_TRACE(name + (" after " + std::to_string(size)) + (isFirst ? " first" : " then"));
                 std::atomic<int> requests = 0;
-                const TLSServer server([&, &end = end](Connection& connection) {
+                const TLSServer server([&, &script = end](Connection& connection) {
                     std::string request = connection.readRequest();
                     for (; request.starts_with("POST /token"); request = connection.readRequest())
                         connection.answer();
                     if (request.empty()) return;
                     ++requests;
-                    end(connection);
+                    script(connection);
                 });
                 const auto client = clientOf(server.address());
                 EXPECT_TRUE(isFirst || performPOST(*client).isSuccess());

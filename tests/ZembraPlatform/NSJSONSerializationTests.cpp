@@ -90,8 +90,8 @@ TEST(NSJSONSerializationTests, WhatIsNoJSONIsRefusedWithItsPlaceAndNotQuoted) {
 
 TEST(NSJSONSerializationTests, DepthAndSizeAreLimited) {
     for (const auto& [open, close] : {std::pair{"["s, "]"}, {R"({"a":)"s, "}"}}) {
-        const auto nested = [&, open = open, close = close](std::size_t levels) {
-            return repeated(open, levels - 1) + "[]" + repeated(close, levels - 1);
+        const auto nested = [&, left = open, right = close](std::size_t levels) {
+            return repeated(left, levels - 1) + "[]" + repeated(right, levels - 1);
         };
         const Value deepest = decoded(nested(512));
         EXPECT_EQ(deepest.text(), nested(512));

@@ -139,7 +139,8 @@ struct TLSServerOptions {
     std::vector<std::string> names = {"DNS:localhost", "IP:127.0.0.1"};
     std::chrono::seconds validFrom = -1h;
     std::chrono::seconds validUntil = 1h;
-    bool isTLS11Only = false;
+    int version = 0;                  ///< Of TLS, alone; 0 stands for any.
+    bool asksForCertificate = false;  ///< And takes no request without one.
 };
 
 /// A server on the loopback interface, at an ephemeral port, that does to each connection what its script
@@ -149,14 +150,14 @@ public:
     /// Without a script connections wait to be accepted: the first one for ever, the others unmade.
     explicit TLSServer(Script script = answering(), const TLSServerOptions& options = {})
         : script_(std::move(script)), context_(::SSL_CTX_new(::TLS_server_method()), &::SSL_CTX_free) {
-        const auto& [issuer, names, validFrom, validUntil, isTLS11Only] = options;
+        const auto& [issuer, names, validFrom, validUntil, version, asksForCertificate] = options;
         useCertificate(*context_,
                        makeCertificate({"localhost", names, false, validFrom, validUntil}, issuer));
-        if (isTLS11Only) {
-            ::SSL_CTX_set_security_level(context_.get(), 0);
-            SSL_CTX_set_min_proto_version(context_.get(), TLS1_1_VERSION);
-            SSL_CTX_set_max_proto_version(context_.get(), TLS1_1_VERSION);
-        }
+        ::SSL_CTX_set_security_level(context_.get(), 0);
+        SSL_CTX_set_min_proto_version(context_.get(), version);
+        SSL_CTX_set_max_proto_version(context_.get(), version);
+        if (asksForCertificate)
+            ::SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         if (BIO_do_accept(listener_.get()) != 1) std::abort();
         if (script_)
             acceptor_ = std::jthread([this] { accept(); });
@@ -208,7 +209,8 @@ private:
     std::atomic<int> connectionCount_ = 0;
     std::mutex mutex_;
     std::list<Connection> open_;  // guarded by it
-    std::vector<std::jthread> threads_;  // joined: OpenSSL's end of a thread must not meet that of the process
+    std::vector<std::jthread>
+        threads_;  // joined: OpenSSL's end of a thread must not meet that of the process
     std::jthread acceptor_;
 };
 

@@ -171,7 +171,7 @@ TEST(AFHTTPSessionManagerTest, EveryFaultHasItsErrorAndNoneTellsASecret) {
          "self-signed",
          {{"self-signed", presenting({.issuer = nullptr})}}},
         {NSURLErrorServerCertificateHasUnknownRoot,
-         "unknown authority",
+         "the given text).",
          {{"unknown authority", presenting({.issuer = &stranger})}}},
         {NSURLErrorServerCertificateHasBadDate,
          "expired",
@@ -185,6 +185,9 @@ TEST(AFHTTPSessionManagerTest, EveryFaultHasItsErrorAndNoneTellsASecret) {
         {AFHTTPSessionErrorUnacceptableStatus,
          "302",
          {{"redirect", atServer(answering("", "Location: /elsewhere\r\n", 302))}}},
+        {AFHTTPSessionErrorUnacceptableContentType,
+         "content type",
+         {{"two content types", atServer(answering("{}", kJSON + "Content-Type: a/b\r\n"s))}}},
     };
     for (const auto& [code, text, faults] : rows) {
         for (const auto& [name, provoke] : faults) {
@@ -195,6 +198,10 @@ TEST(AFHTTPSessionManagerTest, EveryFaultHasItsErrorAndNoneTellsASecret) {
             EXPECT_EQ(error->code(), code) << *error;
             EXPECT_THAT(PrintToString(*error) + NSJSONSerialization::dataWithJSONObject(error->userInfo()),
                         AllOf(HasSubstr(text), Not(HasSubstr(kSecret))));
+            const Value& response = error->userInfo()[AFNetworkingOperationFailingURLResponseErrorKey];
+            if (const auto answer = response.as<NSHTTPURLResponse>()) {
+                EXPECT_THAT(answer->URL().absoluteString(), EndsWith("/token"));
+            }
         }
     }
 }

@@ -129,8 +129,8 @@ TEST(AFHTTPSessionManagerTimeTest, RequestsThatWaitForAConnectionDoNotAge) {
     client->requestSerializer().setTimeoutInterval(2s);
     std::vector<OutcomePtr> outcomes(38);
     std::ranges::generate(outcomes, [&] { return startPOST(*client); });
-    for (const auto noLimit : {0s, -1s}) {
-        client->requestSerializer().setTimeoutInterval(noLimit);
+    for (const double noLimit : {0.0, -1.0, 1e18}) {
+        client->requestSerializer().setTimeoutInterval(NSTimeInterval(noLimit));
         outcomes.push_back(startPOST(*client));
     }
     for (const auto& outcome : outcomes)

@@ -56,6 +56,8 @@ TEST(HTTPFramingTest, RefusesWhatAnotherReaderMayUnderstandOtherwise) {
              "HTTP/2 200\r\n"s,
              "HTTP/1.x 200\r\n"s,
              "HTTP/1.1 20\r\n"s,
+             "HTTP/1.1 2x0\r\n"s,
+             "HTTP/1.1\t200\r\n"s,
              "HTTP/1.1 2000\r\n"s,
              "HTTP/1.1  200 OK\r\n"s,
              "http/1.1 200 OK\r\n"s,
@@ -75,7 +77,7 @@ TEST(HTTPFramingTest, RefusesWhatAnotherReaderMayUnderstandOtherwise) {
              okay + "X : a\r\n",
              okay + "no field\r\n",
              okay + " folded: a\r\n",
-             okay + "Transfer-Encoding: chunked\r\n\r\n folded: a\r\n",
+             okay + "X: a\r\n\r\n folded: a\r\n",
              "HTTP/1.1 103 Hints\r\nX: a\r\n\r\n" + okay + " folded: a\r\n",
          }) {
         HTTPFraming framing;

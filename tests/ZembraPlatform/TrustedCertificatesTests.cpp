@@ -13,7 +13,7 @@ TEST(TrustedCertificatesTest, AreTheDirectorysWhereItIsHashedElseTheFilesAndTheA
     const std::filesystem::path directory = testing::TempDir() + "zembra-authorities";
     std::filesystem::create_directories(directory);
     std::filesystem::remove(directory / "0a1b2c3d.0");
-    std::ofstream(directory / "authority.pem") << "-----BEGIN CERTIFICATE-----\n";
+    std::ofstream(directory / "authority.pem") << "-----BEGIN TRUSTED CERTIFICATE-----\n";
 
     for (const std::filesystem::path& unhashed : {directory, std::filesystem::path("/nonexistent")}) {
         const TrustedCertificates byFile(unhashed, "/certs.pem");
@@ -26,7 +26,7 @@ TEST(TrustedCertificatesTest, AreTheDirectorysWhereItIsHashedElseTheFilesAndTheA
 
     const auto both =
         byDirectory.withFile(directory / "authority.pem")->withText("-----BEGIN CERTIFICATE-----");
-    EXPECT_EQ(both->additions(), "-----BEGIN CERTIFICATE-----\n\n-----BEGIN CERTIFICATE-----\n");
+    EXPECT_EQ(both->additions(), "-----BEGIN TRUSTED CERTIFICATE-----\n\n-----BEGIN CERTIFICATE-----\n");
     EXPECT_EQ(both->origin(),
               directory.string() + ", " + (directory / "authority.pem").string() + ", the given text");
     EXPECT_FALSE(both->problem());

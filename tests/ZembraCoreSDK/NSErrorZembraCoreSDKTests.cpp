@@ -6,7 +6,6 @@
 #include <utility>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <ZembraCoreSDK/NSError+ZMBUtility.h>
 #include <ZembraCoreSDK/NSError+ZembraCoreSDK.h>

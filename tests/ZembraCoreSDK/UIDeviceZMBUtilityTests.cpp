@@ -7,7 +7,6 @@
 #include <utility>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <ZembraCoreSDK/UIDevice+ZMBUtility.h>
 #include <ZembraCoreSDK/ZMBSDKAuthManager.h>

@@ -12,7 +12,6 @@
 
 #include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <ZembraCoreSDK/ZembraCoreSDK.h>

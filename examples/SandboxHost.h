@@ -22,6 +22,8 @@ public:
 
     [[nodiscard]] const std::string& address() const { return address_; }
 
+    [[nodiscard]] const sandbox::SandboxServer& server() const { return server_; }
+
 private:
     class Manager : public ZMBSDKAuthManager {
     public:

@@ -14,13 +14,14 @@
 #include <string>
 #include <utility>
 
+#include <ZembraSandbox/SandboxServer.h>
 #include <unistd.h>
 
 #include <ZembraCoreSDK/ZMBApplication.h>
+#include <ZembraCoreSDK/ZMBSDKAuthManager.h>
 
 #include <ZembraPlatform/MainQueue.h>
-
-#include "support/SandboxManager.h"
+#include <ZembraPlatform/NSBundle.h>
 
 using namespace zembra;
 
@@ -28,6 +29,14 @@ namespace {
 
 constexpr int kExchangesAtOnce = 8;
 constexpr long kAllowedGrowth = 1024;  // KiB
+
+/// Talks to the other process.
+class SandboxManager : public ZMBSDKAuthManager {
+public:
+    static std::string cmsAPIHost() { return address; }
+
+    static inline std::string address;
+};
 
 /// The resident memory in KiB and the number of descriptors of this process, told.
 std::pair<long, long> usage(const char* when) {
@@ -66,8 +75,11 @@ int main(int count, char** arguments) {
                                     server.baseAddress() + " '" + server.certificateAuthority() + '\'';
         return std::system(command.c_str()) == 0 ? 0 : 1;
     }
-    const auto manager = test::sharedManagerAt(arguments[2], arguments[3]);
-    test::setHostBundle("sandbox.demo", "com.example.soak");
+    SandboxManager::address = arguments[2];
+    const auto manager = ZMBSDKAuthManager::sharedManager<SandboxManager>();
+    manager->authClient()->addTrustedCertificateAuthority(arguments[3]);
+    NSBundle::setMainBundle(std::make_shared<NSBundle>(
+        Value::dictionary({{"ZMBSDKClientID", "sandbox.demo"}, {"CFBundleIdentifier", "com.example.soak"}})));
     const long total = std::stol(exchanges);
 
     const auto start = std::chrono::steady_clock::now();

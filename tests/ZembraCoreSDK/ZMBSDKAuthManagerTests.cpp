@@ -20,8 +20,8 @@
 #include <ZembraPlatform/NSJSONSerialization.h>
 #include <ZembraPlatform/UIDevice.h>
 
+#include "examples/SandboxHost.h"
 #include "support/ErrorMatchers.h"
-#include "support/SandboxManager.h"
 
 namespace {
 
@@ -94,8 +94,21 @@ std::optional<std::string> authorizationOf(AFHTTPSessionManager& client) {
     return client.requestSerializer().valueForHTTPHeaderField("Authorization");
 }
 
-class ExchangeTest : public SandboxTest {
+/// Makes the process's main bundle one with these two identifiers; nothing leaves the key out.
+void setHostBundle(const Value& clientId, const Value& bundleIdentifier) {
+    NSBundle::setMainBundle(std::make_shared<NSBundle>(
+        Value::dictionary({{"ZMBSDKClientID", clientId}, {"CFBundleIdentifier", bundleIdentifier}})));
+}
+
+/// A registered host with a server of its own.
+class ExchangeTest : public Test {
 protected:
+    ExchangeTest() { setHostBundle("sandbox.demo", "com.example.host"); }
+
+    const examples::SandboxHost sandbox;
+    const sandbox::SandboxServer& server = sandbox.server();
+    const std::shared_ptr<ZMBSDKAuthManager> manager = ZMBSDKAuthManager::sharedManager();
+
     std::optional<std::string> authorization() const { return authorizationOf(*manager->authClient()); }
 
     /// What the server's last answer has under `key`; nothing where it is no dictionary.
@@ -216,16 +229,15 @@ TEST_F(ExchangeTest, BearerTokensSetAndRemoveTheHeader) {
 }
 
 TEST(Environment, OnlyListedVariablesAreReadAndNoFileIsWritten) {
-    const sandbox::SandboxServer server;
     setHostBundle("sandbox.unauthorized", "com.example.host");
     askedCount = 0;
-    const auto manager = sharedManagerAt(server.baseAddress(), server.certificateAuthority());
+    const examples::SandboxHost sandbox;
     // Writing to a regular file would end the process: SIGXFSZ.
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
     const rlimit nothing{0, limit.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &nothing), 0);
-    const Received exchange = await(startExchange(*manager));
+    const Received exchange = await(startExchange(*ZMBSDKAuthManager::sharedManager()));
     const std::vector<std::string> names(asked, asked + std::min(askedCount.load(), std::size(asked)));
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
     EXPECT_THAT(exchange.error, IsAuthError(2, "app_unauthorized_error"));
@@ -393,36 +405,33 @@ TEST(SharedManager, IsMadeOnceByConcurrentFirstCallers) {
     EXPECT_THAT(client.responseSerializer().acceptableContentTypes(), ElementsAre("application/json"));
 }
 
-/// Its client has no "User-Agent" of its own.
+/// Its endpoint cannot be told at first, and its client has no "User-Agent" of its own.
 class AgentlessManager : public ZMBSDKAuthManager {
+public:
+    AgentlessManager() { ++count; }
+    ~AgentlessManager() override { --count; }
+    static std::string cmsAPIHost() {
+        return std::exchange(isUndecided, false) ? throw 1 : "https://a.example/";
+    }
+
+    static inline int count = 0;
+    static inline bool isUndecided = true;
+
+private:
     void setAuthClient(std::shared_ptr<AFHTTPSessionManager> client) override {
         client->requestSerializer().setValue(std::nullopt, "User-Agent");
         ZMBSDKAuthManager::setAuthClient(std::move(client));
     }
 };
 
-TEST(SharedManager, HasTheTypeOfTheFirstCall) {
+TEST(SharedManager, HasTheTypeOfTheFirstCallThatSucceeds) {
+    EXPECT_THROW((void)ZMBSDKAuthManager::sharedManager<AgentlessManager>(), int);
+    EXPECT_EQ(AgentlessManager::count, 0) << "no half-made one stays";
     const auto manager = ZMBSDKAuthManager::sharedManager<AgentlessManager>();
     EXPECT_NE(std::dynamic_pointer_cast<AgentlessManager>(manager), nullptr);
     EXPECT_EQ(ZMBSDKAuthManager::sharedManager(), manager);
     EXPECT_EQ(manager->authClient()->requestSerializer().valueForHTTPHeaderField("User-Agent"), std::nullopt)
         << "removed, not made, where the client has none";
-}
-
-/// Its endpoint cannot be told.
-class UndecidedManager : public ZMBSDKAuthManager {
-public:
-    UndecidedManager() { ++count; }
-    ~UndecidedManager() override { --count; }
-    static std::string cmsAPIHost() { throw 1; }
-
-    static inline int count = 0;
-};
-
-TEST(SharedManager, IsMadeAnewAfterAnEndpointThatThrew) {
-    EXPECT_THROW((void)ZMBSDKAuthManager::sharedManager<UndecidedManager>(), int);
-    EXPECT_EQ(UndecidedManager::count, 0) << "no half-made one stays";
-    EXPECT_NE(ZMBSDKAuthManager::sharedManager()->authClient(), nullptr);
 }
 
 TEST(VersionSymbols, KeepTheirValues) {

@@ -11,6 +11,10 @@ function(check expected declaration)
     string(REGEX MATCHALL "error: [^\n]*" errors "${output}")
     # Of a class that is no data object at all, that it does not override anything is the second error.
     list(FILTER errors EXCLUDE REGEX "override")
+    # To clang 19, a class with a name twice derives from nothing, which is its second error.
+    if(errors MATCHES "duplicate member")
+        list(FILTER errors EXCLUDE REGEX "derivesFrom")
+    endif()
     list(LENGTH errors errorCount)
     if(expected STREQUAL "none" AND result EQUAL 0)
         return()

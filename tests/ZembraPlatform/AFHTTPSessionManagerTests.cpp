@@ -142,8 +142,8 @@ TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersF
 
 TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
     const std::string okay = "HTTP/1.1 200 OK\r\n"s + kJSON;
-    std::string answer, more;
-    std::chrono::milliseconds pause = 0ms;  // between the two; none below 0
+    std::string byBytes, answer, more;      // the first of them in a TLS record for each byte
+    std::chrono::milliseconds pause = 0ms;  // between the other two; none below 0
     std::atomic<int> written = 0;
     const TLSServer server([&](Connection& connection) {
         for (std::string request; !(request = connection.readRequest()).empty();) {
@@ -151,6 +151,8 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
                 connection.answer("{\"token\":\"own\"}");
                 continue;
             }
+            for (const char byte : byBytes)
+                connection.write({&byte, 1});
             connection.write(pause < 0ms ? answer + more : answer);
             if (pause >= 0ms && connection.wait(pause)) connection.write(more);
             ++written;
@@ -171,15 +173,18 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
         for (const std::string& unasked : {okay + "Content-Length: 18\r\n\r\n{\"token\":\"stolen\"}", "x"s,
                                            "HTTP/1.1 408 Late\r\nContent-Length: 0\r\n\r\n"s}) {
             for (const auto time : {-1ms, 0ms, 30ms}) {
-                SCOPED_TRACE(first + unasked + std::to_string(time.count()));
-                answer = first;
-                more = unasked;
-                pause = time;
-                EXPECT_EQ(performPOST(*client, "first").callbacks, 1);
-                written.wait(round++);
-                const Outcome own = performPOST(*client, "own");
-                EXPECT_TRUE(own.isSuccess() ? own.object["token"] == Value("own") : keepsConnections())
-                    << own;
+                for (const std::size_t dribbled : {std::size_t{0}, first.size() - 1}) {
+                    SCOPED_TRACE(first + unasked + std::to_string(time.count()));
+                    byBytes = first.substr(0, dribbled);
+                    answer = first.substr(dribbled);
+                    more = unasked;
+                    pause = time;
+                    EXPECT_EQ(performPOST(*client, "first").callbacks, 1);
+                    written.wait(round++);
+                    const Outcome own = performPOST(*client, "own");
+                    EXPECT_TRUE(own.isSuccess() ? own.object["token"] == Value("own") : keepsConnections())
+                        << own;
+                }
             }
         }
     }

@@ -5,10 +5,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <iterator>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -169,8 +169,8 @@ public:
         ::shutdown(descriptor(), SHUT_RDWR);
         acceptor_ = {};
         const std::lock_guard lock(mutex_);
-        for (const Connection& connection : open_)
-            ::shutdown(connection.descriptor, SHUT_RDWR);
+        for (const Served& served : served_)
+            if (served.connection) ::shutdown(served.connection->descriptor, SHUT_RDWR);
     }
 
     /// "https://<host>:<port>/"
@@ -193,14 +193,23 @@ private:
         while (BIO_do_accept(listener_.get()) == 1) {
             ++connectionCount_;
             const std::lock_guard lock(mutex_);
-            open_.emplace_back(::BIO_pop(listener_.get()), context_.get());
-            threads_.emplace_back([this, connection = std::prev(open_.end())] {
-                script_(*connection);
+            std::erase_if(served_, [](const Served& served) { return !served.connection; });
+            Served& served = served_.emplace_back();
+            served.connection.emplace(::BIO_pop(listener_.get()), context_.get());
+            served.thread = std::jthread([this, &served] {
+                script_(*served.connection);
                 const std::lock_guard closing(mutex_);
-                open_.erase(connection);
+                served.connection.reset();
             });
         }
     }
+
+    /// A connection, until its script has ended, and its thread, which is joined: OpenSSL's end of a thread
+    /// must not meet that of the process.
+    struct Served {
+        std::optional<Connection> connection;
+        std::jthread thread;
+    };
 
     const Script script_;
     const std::unique_ptr<SSL_CTX, decltype(&::SSL_CTX_free)> context_;
@@ -208,9 +217,7 @@ private:
                                                                     &::BIO_free_all};
     std::atomic<int> connectionCount_ = 0;
     std::mutex mutex_;
-    std::list<Connection> open_;  // guarded by it
-    std::vector<std::jthread>
-        threads_;  // joined: OpenSSL's end of a thread must not meet that of the process
+    std::list<Served> served_;  // guarded by it
     std::jthread acceptor_;
 };
 

@@ -168,10 +168,12 @@ bool ClientThread::start() {
     return true;
 }
 
-/// Has the I/O thread look at what is guarded.
+/// Has the I/O thread look at what is guarded. One failure is made good: a stop that the thread never sees
+/// would wait for ever.
 void ClientThread::wake() const noexcept {
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t written = ::write(wakeDescriptor_, &one, sizeof one);
+    for (int attempt = 0; attempt < 2; ++attempt)
+        if (::write(wakeDescriptor_, &one, sizeof one) > 0) return;
 }
 
 void ClientThread::run(std::unique_ptr<HTTPEngine> engine) {

@@ -106,14 +106,10 @@ def exchanges(figures, first):
     (wall, cpu), defaults, directory = first["SDK"], first["defaults"], first["directory"]
     sdk, fresh = figures["SDK/1"][0], figures["libcurl on a fresh connection"][0]
     kept = figures["libcurl on a kept connection"][0]
-    libcurl = tuple(map(int, re.findall(r"\d+", subprocess.run(
-        ["curl-config", "--version"], check=True, text=True, capture_output=True).stdout)[:2]))
     rows = [aim("first exchange: processor time, times libcurl's with its defaults", cpu / defaults[1], 0.35),
             aim("first exchange: wall time, times libcurl's with its defaults", wall / defaults[0], 0.5),
             aim("first exchange: wall time, times libcurl's with the directory", wall / directory[0], 1.5),
             aim("later exchange: wall time, times libcurl's on a fresh connection", sdk / fresh, 1.2)]
-    if libcurl >= (8, 1):  # older ones keep no connections
-        rows.append(aim("later exchange: wall time, times libcurl's on a kept connection", sdk / kept, 1.3))
     in_flight = [figures[f"SDK/{count}"][0] for count in (1, 10, 100, 1000)]
     rows.append(aim("exchange with up to 1,000 in flight, times a lone one", max(in_flight) / sdk, 1.2))
     return (table(["first exchange of a process", "wall time", "processor time"],

@@ -120,8 +120,7 @@ private:
 /// A request is sent at most once: where the connection is lost, the request fails, and it is the caller's to
 /// send it again. An answer that ends early is no answer. One that states neither length nor chunks, so that
 /// only the end of the connection ends it, counts only where its body is a whole JSON array or dictionary.
-/// With libcurl 8.1 or newer a connection is used again within 4 seconds; with an older one each request
-/// makes its own.
+/// Each request makes a connection of its own.
 ///
 /// `POST` may be called from any thread. Destroying a client takes a moment at most, is allowed inside a
 /// callback, and ends its requests: their failure callbacks get `NSURLErrorCancelled`. Once leaving the

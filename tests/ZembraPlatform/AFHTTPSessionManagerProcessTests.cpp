@@ -83,7 +83,7 @@ TEST(AFHTTPSessionManagerProcessTest, AForkedChildExitsCleanAndItsRequestsFailPl
         EXPECT_EQ(status, 0);
     }
     EXPECT_TRUE(performPOST(*client).isSuccess());
-    EXPECT_EQ(server.connectionCount(), keepsConnections() ? 1 : 2);  // the child did not touch it
+    EXPECT_EQ(server.connectionCount(), 2);  // the child did not touch it
 }
 
 TEST(AFHTTPSessionManagerProcessTest, ItsDescriptorsAreNotInheritedByPrograms) {

@@ -5,8 +5,6 @@
 #include <memory>
 #include <ostream>
 
-#include <curl/curl.h>
-
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 #include <ZembraPlatform/MainQueue.h>
 
@@ -37,11 +35,6 @@ inline std::unique_ptr<AFHTTPSessionManager> clientOf(const std::string& address
     client->addTrustedCertificateAuthority(TLSServer::certificateAuthority());
     client->requestSerializer().setTimeoutInterval(20s);
     return client;
-}
-
-/// Whether clients use connections again, which depends on the libcurl at hand.
-inline bool keepsConnections() {
-    return ::curl_version_info(CURLVERSION_NOW)->version_num >= 0x080100;
 }
 
 using OutcomePtr = std::shared_ptr<Outcome>;

@@ -49,8 +49,7 @@ HTTPEngine::HTTPEngine(int wakeDescriptor)
         return ::curl_multi_setopt(multi_.get(), name, value) == CURLM_OK;
     };
     if (!multi_ || !set(CURLMOPT_SOCKETFUNCTION, &onSocket) || !set(CURLMOPT_SOCKETDATA, this) ||
-        !set(CURLMOPT_TIMERFUNCTION, &onTimer) || !set(CURLMOPT_TIMERDATA, this) ||
-        !set(CURLMOPT_MAXCONNECTS, static_cast<long>(kMostConnections)))
+        !set(CURLMOPT_TIMERFUNCTION, &onTimer) || !set(CURLMOPT_TIMERDATA, this))
         throw std::bad_alloc();
     // No allocation inside libcurl's callback, which could not tell that one failed.
     sockets_.reserve(kMostSockets);

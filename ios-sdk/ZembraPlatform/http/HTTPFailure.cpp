@@ -129,7 +129,6 @@ NSErrorPtr errorOf(const HTTPFailure& failure) {
         case HTTPFault::answerNotHTTP:
             return notHTTPError(failure);
         case HTTPFault::headerCut:
-        case HTTPFault::sentTwice:
             return lostError(failure);
     }
     const bool isTunnelOpen = failure.proxyStatus >= 200 && failure.proxyStatus <= 299;

@@ -17,7 +17,7 @@ namespace zembra {
 enum class HTTPPhase { resolving, connecting, securing, waiting, receiving };
 
 /// What the transfer itself found wrong, whatever libcurl's result is.
-enum class HTTPFault { none, outOfMemory, answerTooLarge, answerNotHTTP, headerCut, sentTwice };
+enum class HTTPFault { none, outOfMemory, answerTooLarge, answerNotHTTP, headerCut };
 
 /// All that the error of a failed exchange is made of.
 struct HTTPFailure {

@@ -27,12 +27,6 @@ constexpr std::size_t kLargestHeader = std::size_t{256} << 10;
 constexpr std::uint64_t kMostReceived = std::uint64_t{64} << 20;  // whatever it is, for one answer
 constexpr std::size_t kLargestAuthorityFile = std::size_t{4} << 20;
 
-// Connections are kept where libcurl is new enough, and used again within that many seconds of their last use
-// and of their making. Servers close idle ones; 5 s is the least of the common limits.
-constexpr unsigned kKeepingVersion = 0x080100;
-constexpr long kLongestIdleness = 4;
-constexpr long kLongestConnectionLife = 300;
-
 /// The end of a request whose bytes keep trickling: so many times its timeout, and at least a minute.
 constexpr int kLongestExchangeInTimeouts = 10;
 constexpr milliseconds kShortestBackstop = std::chrono::minutes(1);
@@ -130,20 +124,15 @@ int HTTPTransfer::setUp() {
         .set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L)
         .set(CURLOPT_NOSIGNAL, 1L)
         .set(CURLOPT_QUICK_EXIT, 1L)
+        .set(CURLOPT_FRESH_CONNECT, 1L)
+        .set(CURLOPT_FORBID_REUSE, 1L)
         .set(CURLOPT_TCP_KEEPALIVE, 1L)
         .set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(connectLimit.count()))
         .set(CURLOPT_OPENSOCKETFUNCTION, &onOpenSocket)
         .set(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this));
     options.set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2})
         .set(CURLOPT_SSL_VERIFYPEER, 1L)
-        .set(CURLOPT_SSL_VERIFYHOST, 2L)
-        .set(CURLOPT_PREREQFUNCTION, &onSend)
-        .set(CURLOPT_PREREQDATA, static_cast<void*>(this));
-    if (::curl_version_info(CURLVERSION_NOW)->version_num >= kKeepingVersion)
-        options.set(CURLOPT_MAXAGE_CONN, kLongestIdleness)
-            .set(CURLOPT_MAXLIFETIME_CONN, kLongestConnectionLife);
-    else
-        options.set(CURLOPT_FRESH_CONNECT, 1L).set(CURLOPT_FORBID_REUSE, 1L);
+        .set(CURLOPT_SSL_VERIFYHOST, 2L);
     setAuthorities(options, *request_.authorities);
     options.set(CURLOPT_POST, 1L)
         .set(CURLOPT_HTTPHEADER, headerLines_.get())
@@ -182,13 +171,6 @@ int HTTPTransfer::onOpenSocket(void* self, int, curl_sockaddr* address) {
     return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
-/// libcurl is about to send the request: on a connection that was lost meanwhile it may want to do so twice.
-int HTTPTransfer::onSend(void* self, char*, char*, int, int) {
-    auto& transfer = *static_cast<HTTPTransfer*>(self);
-    if (transfer.isSent_) transfer.fault_ = HTTPFault::sentTwice;
-    return std::exchange(transfer.isSent_, true) ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
-}
-
 void HTTPTransfer::begin() {
     if (lastMoved_) return;
     began_ = Clock::now();
@@ -205,10 +187,8 @@ void HTTPTransfer::tryNextAddress() {
 
 void HTTPTransfer::touch(int socket, Clock::time_point now) {
     lastMoved_ = now;
-    const std::uint64_t received = receivedOn(socket);
-    if (!receivedBefore_ || received < *receivedBefore_) receivedBefore_ = received;
-    if (received - *receivedBefore_ > kMostReceived) fault_ = HTTPFault::answerTooLarge;
-    if (!isConnecting_) return;  // a kept connection, or the resolver's
+    if (receivedOn(socket) > kMostReceived) fault_ = HTTPFault::answerTooLarge;
+    if (!isConnecting_) return;  // connected already, or the resolver's
     sockaddr_storage peer;
     socklen_t size = sizeof peer;
     if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.ss_family == AF_UNIX) {

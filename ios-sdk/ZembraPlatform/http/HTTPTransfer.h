@@ -36,8 +36,9 @@ struct HTTPOutcome {
 
 /// One request on its way. A libcurl handle is never used for a second exchange: libcurl 7.88 reads freed
 /// memory when the second answer's header starts with a folded line, and counts retries over the life of the
-/// handle. Connections are used again with libcurl 8.1 or newer alone: older ones take what is left of one
-/// answer for the next one, and a connection that the server has closed for an open one.
+/// handle. Neither is a connection. libcurl takes what follows an answer for the next one: 7.88 always, 8.14
+/// where TLS has already read it. The server may close a kept connection just as a request goes out. And
+/// libcurl by itself sends a request twice, but never on a fresh connection.
 class HTTPTransfer {
 public:
     using Clock = std::chrono::steady_clock;
@@ -85,7 +86,6 @@ public:
 private:
     // libcurl's callbacks, with its types as they are at bottom
     static int onOpenSocket(void* self, int purpose, curl_sockaddr* address);
-    static int onSend(void* self, char*, char*, int, int);
     static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self);
     static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self);
 
@@ -101,11 +101,9 @@ private:
 
     Clock::time_point began_;
     std::optional<Clock::time_point> lastMoved_;
-    std::optional<std::uint64_t> receivedBefore_;  // on its connection
     std::int64_t bodySent_ = 0;
     bool isReportDue_ = false;
     bool isConnecting_ = false;  // from the first socket that was opened to the first connection
-    bool isSent_ = false;        // or about to be
 
     // The answer so far
     HTTPOutcome outcome_;

@@ -319,18 +319,12 @@ TEST(ObjectRuntimeTests, NumbersAreReadAsWhatIsAskedFor) {
     EXPECT_EQ(readings(true), std::tuple(1.0, '\1', 1, 1U, true));
 }
 
-class Refused : public QVDataObject {
-    ZMB_DATA_OBJECT(Refused, zembra::QVDataObject)
-public:
-    Refused() { throw std::bad_alloc(); }
-};
 class Abstract : public QVDataObject {
     ZMB_DATA_OBJECT(Abstract, zembra::QVDataObject)
     virtual void act() = 0;
 };
 
 TEST(ObjectRuntimeTests, OnlyModelsThatCanBeMadeAreMade) {
-    EXPECT_THROW((void)Refused::objectWithJSON(JSON("{}")), std::bad_alloc);
     EXPECT_EQ(QVDataObject::objectWithJSON(Abstract::staticClass(), JSON("{}")), nullptr);
     EXPECT_EQ(QVDataObject::objectWithJSON(NSString::staticClass(), JSON("{}")), nullptr);
 }
@@ -340,13 +334,15 @@ class Headquarters : public Branch {
 };
 
 TEST(ModelLibraryTests, AClassIsTheSameInEachLibrary) {
-    ASSERT_NE(&branchClassInLibrary(), &Branch::staticClass()) << "else this proves nothing";
-    EXPECT_TRUE(branchClassInLibrary().isSubclassOf(Branch::staticClass()));
-    EXPECT_TRUE(Headquarters::staticClass().isSubclassOf(branchClassInLibrary()));
+    const auto made = branchMadeInLibrary(
+        Value::dictionary({{"street_name", "Elm"}, {"next_branch", Value::dictionary({})}}));
+    const ClassDescription& inLibrary = *made->classDescription();
+    ASSERT_NE(&inLibrary, &Branch::staticClass()) << "else this proves nothing";
+    EXPECT_TRUE(inLibrary.isSubclassOf(Branch::staticClass()));
+    EXPECT_TRUE(Headquarters::staticClass().isSubclassOf(inLibrary));
 
-    const Value json = Value::dictionary({{"street_name", "Elm"}, {"next_branch", Value::dictionary({})}});
     Headquarters headquarters;
-    headquarters.nextBranch = branchMadeInLibrary(json);
+    headquarters.nextBranch = made;
     ASSERT_TRUE(headquarters.nextBranch);
     EXPECT_EQ(headquarters.nextBranch->streetName.get(), "Elm");
     EXPECT_TRUE(headquarters.nextBranch->nextBranch);

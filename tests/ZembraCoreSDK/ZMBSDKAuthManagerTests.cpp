@@ -325,6 +325,7 @@ TEST_F(ExchangeTest, CallsGoThroughTheManagersOwnOperationsInOrderWhileItLives) 
     const ReceivedPtr refresh = startRefresh(*host, "sandbox.slow");
     EXPECT_THAT(await(startExchange(*host)).error, serverSide);
     EXPECT_TRUE(weak.expired()) << "the refresh does not hold it either";
+    EXPECT_EQ(refresh->callbacks, 0) << "slow";
     EXPECT_THAT(await(refresh).error, none);
 }
 

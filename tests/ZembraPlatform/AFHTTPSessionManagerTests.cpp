@@ -100,7 +100,8 @@ TEST(AFHTTPSessionManagerTest, ReadsAnswersInEveryForm) {
              okay + kJSON + "\r\n[" + body + "]",
          }) {
         const TLSServer server([&](Connection& connection) {
-            saying(answer)(connection);
+            connection.readRequest();
+            connection.write(answer);
             connection.closeTLS();
         });
         const Outcome outcome = performPOST(*clientOf(server.address()));

@@ -14,15 +14,13 @@ namespace zembra::sandbox {
 struct Reply {
     CURLcode code = CURLE_OK;
     long status = 0;
-    double seconds = 0;
     std::string headers;
     std::string body;
 };
 
 /// Sends a form to a server whose certificate must come from `authority` (PEM text).
 inline Reply send(const std::string& url, const std::string& authority, const std::string& form,
-                  const std::vector<std::string>& headers = {}, const char* method = "POST",
-                  long timeoutMilliseconds = 60000) {
+                  const std::vector<std::string>& headers = {}, const char* method = "POST") {
     const auto append = +[](char* data, std::size_t, std::size_t size, void* text) {
         static_cast<std::string*>(text)->append(data, size);
         return size;
@@ -41,14 +39,13 @@ inline Reply send(const std::string& url, const std::string& authority, const st
     set(CURLOPT_POSTFIELDS, form.c_str());
     set(CURLOPT_CUSTOMREQUEST, method);
     set(CURLOPT_HTTPHEADER, list);
-    set(CURLOPT_TIMEOUT_MS, timeoutMilliseconds);
+    set(CURLOPT_TIMEOUT, 60L);
     set(CURLOPT_WRITEFUNCTION, append);
     set(CURLOPT_WRITEDATA, &reply.body);
     set(CURLOPT_HEADERFUNCTION, append);
     set(CURLOPT_HEADERDATA, &reply.headers);
     reply.code = curl_easy_perform(curl.get());
     curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &reply.status);
-    curl_easy_getinfo(curl.get(), CURLINFO_TOTAL_TIME, &reply.seconds);
     curl_slist_free_all(list);
     return reply;
 }

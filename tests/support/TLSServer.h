@@ -120,13 +120,6 @@ inline Script answering(std::string body = "{}", std::string fields = kJSON, int
     };
 }
 
-/// Reads a request and writes `text`.
-inline Script saying(std::string text) {
-    return [=](Connection& connection) {
-        if (!connection.readRequest().empty()) connection.write(text);
-    };
-}
-
 /// The authority that issues the certificates of all servers unless they say otherwise.
 inline const sandbox::Certificate& testAuthority() {
     static const auto certificate =

@@ -14,6 +14,5 @@ public:
     ZMB_PROPERTY(Branch, nextBranch);
 };
 
-/// In the library.
-ZEMBRA_EXPORT std::shared_ptr<zembra::NSObject> branchMadeInLibrary(zembra::Value json);
-ZEMBRA_EXPORT const zembra::ClassDescription& branchClassInLibrary();
+/// Of the library's class.
+ZEMBRA_EXPORT std::shared_ptr<zembra::QVDataObject> branchMadeInLibrary(zembra::Value json);

@@ -55,7 +55,7 @@ inline OutcomePtr startPOST(AFHTTPSessionManager& client, std::string_view path 
 
 /// Drains the main queue until the request has its outcome (or half a minute has gone by).
 inline const Outcome& await(const OutcomePtr& outcome) {
-    static_cast<void>(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
+    static_cast<void>(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 120s));
     return *outcome;
 }
 

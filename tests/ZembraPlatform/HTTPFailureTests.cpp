@@ -61,6 +61,7 @@ const struct Row {
     {NSURLErrorClientCertificateRejected,
      "client certificate",
      {{CURLE_SSL_CERTPROBLEM}, {CURLE_SSL_CLIENTCERT}}},
+    {NSURLErrorServerCertificateUntrusted, "another host", {{CURLE_PEER_FAILED_VERIFICATION}}},
     {NSURLErrorServerCertificateHasUnknownRoot,
      "/certs",
      {{CURLE_PEER_FAILED_VERIFICATION, {.verifyResult = 19}},

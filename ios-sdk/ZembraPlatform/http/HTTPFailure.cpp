@@ -70,6 +70,7 @@ NSErrorPtr timeoutError(const HTTPFailure& failure) {
 NSErrorPtr certificateError(const HTTPFailure& failure) {
     enum : long {
         kNoFault = 0,
+        kNotJudged = 1,
         kNotYetValid = 9,
         kExpired = 10,
         kSelfSigned = 18,
@@ -93,6 +94,7 @@ NSErrorPtr certificateError(const HTTPFailure& failure) {
                                 certificate + " was issued by an unknown authority (trusted are those in " +
                                     failure.trustOrigin + ").");
         case kNoFault:
+        case kNotJudged:  // libcurl looks at the name before it asks for the verdict
             return networkError(NSURLErrorServerCertificateUntrusted,
                                 certificate + " was made for another host.");
         default:

@@ -246,10 +246,23 @@ TEST(AFHTTPSessionManagerTest, AClientMayBeDestroyedInsideItsCallbackOnAnyThread
     }
 }
 
+TEST(AFHTTPSessionManagerTest, AProxysAnswerIsNotTheServers) {
+    const TLSServer server([](Connection& connection) {  // both at once
+        char request[4096];
+        ::recv(connection.descriptor, request, sizeof request, 0);
+        const std::string opened = "HTTP/1.1 200 Opened\r\nX: y\r\n\r\n";
+        ::send(connection.descriptor, opened.data(), opened.size(), 0);
+        answering()(connection);
+    });
+    ::setenv("https_proxy", ("http" + server.address().substr(5)).c_str(), 1);
+    const Outcome outcome = performPOST(*clientOf(server.address()));
+    EXPECT_TRUE(outcome.isSuccess()) << outcome;
+}
+
 TEST(AFHTTPSessionManagerTest, EveryRequestHasOneCallbackUnderLoadAndDestruction) {
-    const TLSServer server;
-    for (const bool isDestroyedEarly : {false, true}) {
-        auto client = clientOf(server.address());
+    const TLSServer prompt, silent(&Connection::hold);
+    for (const TLSServer* const server : {&prompt, &silent}) {
+        auto client = clientOf(server->address());
         std::vector<OutcomePtr> outcomes(200);
         std::vector<std::jthread> threads;
         for (std::size_t first = 0; first < 4; ++first)
@@ -258,9 +271,10 @@ TEST(AFHTTPSessionManagerTest, EveryRequestHasOneCallbackUnderLoadAndDestruction
                     outcomes[index] = startPOST(*client);
             });
         threads.clear();
-        if (isDestroyedEarly) client.reset();
+        outcomes.push_back(startPOST(*client));
+        if (server == &silent) client.reset();
         for (const OutcomePtr& outcome : outcomes)
-            EXPECT_TRUE(await(outcome).isSuccess() || isDestroyedEarly) << *outcome;
+            EXPECT_TRUE(await(outcome).isSuccess() || !client) << *outcome;
         client.reset();
         MainQueue::shared().drain();
         for (const OutcomePtr& outcome : outcomes)

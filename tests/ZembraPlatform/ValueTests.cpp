@@ -133,7 +133,7 @@ TEST(ValueTests, ThreadsShareContents) {
 
 TEST(ValueTests, AnyDepthIsCopiedComparedPrintedAndLetGo) {
     const auto nested = [](Value innermost) {
-        for (int level = 0; level < 500'000; ++level)
+        for (int level = 0; level < 150'000; ++level)
             innermost = Value::array({Value::dictionary({{"a key beyond fourteen bytes", innermost}})});
         return innermost;
     };

@@ -3,7 +3,7 @@
 //
 //     zembra-lab-pauses
 //
-// Loopback only, under three minutes. nginx must be installed.
+// Loopback only, under three minutes. nginx must be installed, whether it serves or not.
 
 #include <array>
 #include <atomic>
@@ -60,7 +60,9 @@ public:
         configuration << "}\n";
         configuration.close();
         drawn.clear();
-        if (!run("")) std::abort();
+        if (run("")) return;
+        std::cerr << "nginx does not start; Debian's package is nginx-light.\n";
+        std::exit(1);
     }
 
     ~NGINX() {

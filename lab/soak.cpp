@@ -1,4 +1,4 @@
-// Soak: app token exchanges, eight at a time, over keep-alive, against a sandbox in a process of its own.
+// Soak: app token exchanges, eight at a time, against a sandbox in a process of its own.
 // Fails where an exchange does, or where memory or descriptors grow after a warm-up of a tenth of them.
 //
 //     zembra-soak [<exchanges, 100000 unless given>]

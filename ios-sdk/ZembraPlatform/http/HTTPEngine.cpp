@@ -3,6 +3,7 @@
 #include "http/HTTPEngine.h"
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 #include <shared_mutex>
 #include <utility>
@@ -29,13 +30,36 @@ constexpr std::size_t kMostSockets = 4 * kMostConnections;
 
 /// Shared by the threads that are inside libcurl, exclusive while the process forks: a child must not find a
 /// lock of libcurl's or of its TLS library's held by a thread that it does not have.
-std::shared_mutex forkGate;
+class ForkGate {
+public:
+    /// Nobody new comes in while this waits: with a shared mutex alone, a fork beside busy clients took
+    /// seconds.
+    void lock() {
+        turn_.lock();
+        inside_.lock();
+    }
+    void unlock() {
+        inside_.unlock();
+        turn_.unlock();
+    }
+    void lock_shared() {
+        const std::lock_guard turn(turn_);
+        inside_.lock_shared();
+    }
+    void unlock_shared() { inside_.unlock_shared(); }
+
+private:
+    std::mutex turn_;
+    std::shared_mutex inside_;
+};
+
+ForkGate forkGate;
 
 }  // namespace
 
 bool HTTPEngine::prepareProcess() {
     static const bool isGuarded = ::pthread_atfork([] { forkGate.lock(); }, [] { forkGate.unlock(); },
-                                                   [] { new (&forkGate) std::shared_mutex; }) == 0;
+                                                   [] { new (&forkGate) ForkGate; }) == 0;
     const std::shared_lock inside(forkGate);
     return isGuarded && ::curl_global_init(CURL_GLOBAL_ALL) == CURLE_OK;
 }

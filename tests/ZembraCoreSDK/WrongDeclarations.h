@@ -1,4 +1,4 @@
-// One DECLARATION on top of these; WrongDeclarations.cmake says what a compiler has to answer.
+// What the declarations stand on; WrongDeclarations.cmake says what a compiler has to answer to each.
 #include <string>
 
 #include <ZembraCoreSDK/QVDataObject.h>
@@ -13,5 +13,3 @@ class Middle : public Base {
 };
 class Lineless : public Middle {};
 class Incomplete;
-
-DECLARATION

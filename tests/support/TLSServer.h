@@ -66,7 +66,7 @@ public:
             if (end == std::string::npos) continue;
             const std::size_t length = request.find(kLength);
             size = end + kEnd.size();
-            if (length < end) size += std::strtoull(&request[length + kLength.size()], nullptr, 10);
+            if (length < end) size += std::strtoul(&request[length + kLength.size()], nullptr, 10);
         }
         return request;
     }

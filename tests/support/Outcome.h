@@ -53,9 +53,9 @@ inline OutcomePtr startPOST(AFHTTPSessionManager& client, std::string_view path 
     return outcome;
 }
 
-/// Drains the main queue until the request has its outcome (or two minutes have gone by).
+/// Drains the main queue until the request has its outcome (or half a minute has gone by).
 inline const Outcome& await(const OutcomePtr& outcome) {
-    static_cast<void>(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 120s));
+    static_cast<void>(MainQueue::shared().runUntil([&] { return outcome->callbacks > 0; }, 30s));
     return *outcome;
 }
 

@@ -31,8 +31,9 @@ set(release "$<CONFIG:Release,RelWithDebInfo,MinSizeRel>")
 target_compile_options(
     zembra_build_options
     INTERFACE "$<${release}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>"
-              # No path of the machine that builds stands in what is shipped.
-              "$<${release}:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build;-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>")
+              # No path of the machine that builds stands in what is shipped. The last map that fits counts: the build
+              # folder may lie within the sources.
+              "$<${release}:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.;-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
 foreach(flag IN ITEMS -fstack-clash-protection -fcf-protection)
     string(MAKE_C_IDENTIFIER "ZEMBRA_HAS${flag}" has_flag)
     check_cxx_compiler_flag(${flag} ${has_flag})

@@ -181,7 +181,7 @@ void HTTPEngine::handleSockets() {
     }
     const Clock::time_point now = Clock::now();
     for (const Active& active : active_) {
-        active.transfer->restamp(looked_, now);
+        active.transfer->excuseDelay(looked_, now);
         if (auto report = active.transfer->takeReport()) reports_.push_back(std::move(report));
     }
     if (!ready.empty()) collect();

@@ -79,7 +79,7 @@ public:
     void touch(int socket, Clock::time_point now);
 
     /// What moved at `moment` has been dealt with only now; that time was this thread's own.
-    void restamp(Clock::time_point moment, Clock::time_point now) {
+    void excuseDelay(Clock::time_point moment, Clock::time_point now) {
         if (lastMoved_ == moment) lastMoved_ = now;
     }
 

@@ -79,8 +79,9 @@ int run(int count, char** arguments) {
     if (!exchangeBySDK(*manager, 1)) return EXIT_FAILURE;
 
     // The bare handle sends the headers that came from the SDK, but those that libcurl makes.
+    const auto exchanges = server.exchanges();
     BareClient::Fields fields;
-    for (const auto& [name, value] : server.exchanges().back().headers) {
+    for (const auto& [name, value] : exchanges.back().headers) {
         if (name != "Host" && name != "Content-Length" && name != "Accept-Encoding")
             fields.emplace_back(name, value);
     }

@@ -1,7 +1,7 @@
 // Soak: app token exchanges, eight at a time, against a sandbox in a process of its own.
 // Fails where an exchange does, or where memory or descriptors grow after a warm-up of a tenth of them.
 //
-//     zembra-soak [<exchanges, 100000 unless given>]
+//     zembra-lab-soak [<exchanges, 100000 unless given>]
 //
 // That is the sandbox's process; the other one has the sandbox's address and authority as arguments, too.
 

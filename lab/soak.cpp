@@ -30,6 +30,9 @@ namespace {
 constexpr int kExchangesAtOnce = 8;
 constexpr long kAllowedGrowth = 1024;  // KiB
 
+/// libcurl 8.14 closes a connection some time after its exchange, so that a few of the last may be open.
+constexpr long kAllowedDescriptors = kExchangesAtOnce;
+
 /// Talks to the other process.
 class SandboxManager : public ZMBSDKAuthManager {
 public:
@@ -88,7 +91,8 @@ int main(int count, char** arguments) {
     exchange(total - total / 10);
     const auto [endKiB, endDescriptors] = usage("at the end:    ");
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-    const bool isFlat = endKiB - warmKiB <= kAllowedGrowth && endDescriptors == warmDescriptors;
+    const bool isFlat = endKiB - warmKiB <= kAllowedGrowth &&
+                        endDescriptors - warmDescriptors <= kAllowedDescriptors;
     std::cout << total << " exchanges in " << seconds.count() << " s; memory and descriptors "
               << (isFlat ? "are flat\n" : "grew\n");
     return isFlat ? 0 : 1;

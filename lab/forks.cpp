@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "Children.h"
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 
 using namespace zembra;
 

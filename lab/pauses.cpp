@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 
 using namespace zembra;
 using namespace std::chrono_literals;

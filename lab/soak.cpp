@@ -91,8 +91,8 @@ int main(int count, char** arguments) {
     exchange(total - total / 10);
     const auto [endKiB, endDescriptors] = usage("at the end:    ");
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-    const bool isFlat = endKiB - warmKiB <= kAllowedGrowth &&
-                        endDescriptors - warmDescriptors <= kAllowedDescriptors;
+    const bool isFlat =
+        endKiB - warmKiB <= kAllowedGrowth && endDescriptors - warmDescriptors <= kAllowedDescriptors;
     std::cout << total << " exchanges in " << seconds.count() << " s; memory and descriptors "
               << (isFlat ? "are flat\n" : "grew\n");
     return isFlat ? 0 : 1;

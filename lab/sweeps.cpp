@@ -31,7 +31,7 @@
 #include <ZembraPlatform/MainQueue.h>
 
 #include "Children.h"
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 
 // What fails
 // -------------------------------------------------------------------------------------------------------
@@ -153,9 +153,6 @@ int poll(pollfd* descriptors, nfds_t count, int timeout) {
 }
 int eventfd(unsigned value, int flags) noexcept {
     return attempt<&::eventfd>("eventfd", EMFILE, value, flags);
-}
-int memfd_create(const char* name, unsigned flags) noexcept {
-    return attempt<&::memfd_create>("memfd_create", EMFILE, name, flags);
 }
 int open(const char* path, int flags, ...) {
     std::va_list more;

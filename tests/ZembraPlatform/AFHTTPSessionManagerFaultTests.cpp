@@ -1,4 +1,5 @@
 // Ways in which a request fails, over real TLS on the loopback interface, and what its error then says.
+
 #include <cstdlib>
 #include <fstream>
 
@@ -8,7 +9,7 @@
 #include <ZembraPlatform/NSJSONSerialization.h>
 
 #include "support/HangingResolver.h"
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 #include "support/TLSServer.h"
 
 namespace zembra::test {
@@ -208,11 +209,11 @@ TEST(AFHTTPSessionManagerTest, ARefusedHeaderIsNamedAndNothingIsSent) {
     const auto client = clientOf(server.address());
     const auto causeOfRefusal = [&](const std::string& name, const std::string& value) {
         client->requestSerializer().setValue(value, name);
-        const Outcome outcome = performPOST(*client);
+        const POSTResult result = performPOST(*client);
         client->requestSerializer().setValue(std::nullopt, name);
-        EXPECT_TRUE(outcome.isFailure(AFHTTPSessionErrorHeaderRefused, AFHTTPSessionErrorDomain)) << name;
-        EXPECT_THAT(outcome.error->localizedDescription(), Not(HasSubstr(kSecret)));
-        const auto cause = outcome.error->userInfo()[NSUnderlyingErrorKey].as<NSError>();
+        EXPECT_TRUE(result.isFailure(AFHTTPSessionErrorHeaderRefused, AFHTTPSessionErrorDomain)) << name;
+        EXPECT_THAT(result.error->localizedDescription(), Not(HasSubstr(kSecret)));
+        const auto cause = result.error->userInfo()[NSUnderlyingErrorKey].as<NSError>();
         EXPECT_EQ(cause->code(), AFHTTPSessionErrorInvalidHeader);
         return cause->localizedDescription();
     };

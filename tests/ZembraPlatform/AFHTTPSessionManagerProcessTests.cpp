@@ -1,4 +1,5 @@
 // What the HTTP client does to the process that it lives in.
+
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -15,7 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 #include "support/TLSServer.h"
 
 static bool isForkedChild = false;
@@ -74,9 +75,9 @@ TEST(AFHTTPSessionManagerProcessTest, AForkedChildExitsCleanAndItsRequestsFailPl
         if (child == 0) {
             isForkedChild = true;
             if (!usesClient) std::exit(0);
-            const auto outcome = performPOST(*client);
+            const auto result = performPOST(*client);
             client.reset();
-            std::exit(outcome.isFailure(NSURLErrorCannotLoadFromNetwork) ? 0 : 1);
+            std::exit(result.isFailure(NSURLErrorCannotLoadFromNetwork) ? 0 : 1);
         }
         int status = -1;
         ASSERT_EQ(::waitpid(child, &status, 0), child);
@@ -151,9 +152,9 @@ TEST(AFHTTPSessionManagerProcessTest, TheHostMayUseLibcurlBeforeDuringAndAfter) 
     useCurl();
     for (int count = 0; count < 2; ++count) {
         const auto client = clientOf(server.address());
-        const auto outcome = startPOST(*client);
+        const auto result = startPOST(*client);
         useCurl();
-        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
+        EXPECT_TRUE(await(result).isSuccess()) << *result;
         EXPECT_TRUE(performPOST(*client).isSuccess());
     }
     useCurl();

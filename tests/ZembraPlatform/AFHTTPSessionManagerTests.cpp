@@ -1,10 +1,11 @@
 // What the HTTP client sends, reads and tells its callers. Its faults have a file of their own.
+
 #include <cstdlib>
 #include <fstream>
 
 #include <gmock/gmock.h>
 
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 #include "support/TLSServer.h"
 
 namespace zembra::test {
@@ -104,9 +105,9 @@ TEST(AFHTTPSessionManagerTest, ReadsAnswersInEveryForm) {
             connection.write(answer);
             connection.closeTLS();
         });
-        const Outcome outcome = performPOST(*clientOf(server.address()));
-        EXPECT_TRUE(outcome.isSuccess()) << answer << outcome;
-        const Value& object = outcome.object;
+        const POSTResult result = performPOST(*clientOf(server.address()));
+        EXPECT_TRUE(result.isSuccess()) << answer << result;
+        const Value& object = result.object;
         EXPECT_EQ((object.isArray() ? object[0] : object)["a"], Value(1)) << answer;
     }
 }
@@ -132,9 +133,9 @@ TEST(AFHTTPSessionManagerTest, ARequestIsSentOnceAndALostConnectionIsTheCallersF
                 });
                 const auto client = clientOf(server.address());
                 EXPECT_TRUE(isFirst || performPOST(*client).isSuccess());
-                const Outcome outcome =
+                const POSTResult result =
                     performPOST(*client, "lost", Value::dictionary({{std::string(size, 'x'), ""}}));
-                EXPECT_TRUE(outcome.isFailure(NSURLErrorNetworkConnectionLost)) << outcome;
+                EXPECT_TRUE(result.isFailure(NSURLErrorNetworkConnectionLost)) << result;
                 EXPECT_EQ(requests, 1);
             }
         }
@@ -182,7 +183,7 @@ TEST(AFHTTPSessionManagerTest, NoRequestGetsAnothersAnswer) {
                     pause = time;
                     EXPECT_EQ(performPOST(*client, "first").callbacks, 1);
                     written.wait(round++);
-                    const Outcome own = performPOST(*client, "own");
+                    const POSTResult own = performPOST(*client, "own");
                     EXPECT_EQ(own.object["token"], Value("own")) << own;
                 }
             }
@@ -255,30 +256,30 @@ TEST(AFHTTPSessionManagerTest, AProxysAnswerIsNotTheServers) {
         answering()(connection);
     });
     ::setenv("https_proxy", ("http" + server.address().substr(5)).c_str(), 1);
-    const Outcome outcome = performPOST(*clientOf(server.address()));
-    EXPECT_TRUE(outcome.isSuccess()) << outcome;
+    const POSTResult result = performPOST(*clientOf(server.address()));
+    EXPECT_TRUE(result.isSuccess()) << result;
 }
 
 TEST(AFHTTPSessionManagerTest, EveryRequestHasOneCallbackUnderLoadAndDestruction) {
     const TLSServer prompt, silent(&Connection::hold);
     for (const TLSServer* const server : {&prompt, &silent}) {
         auto client = clientOf(server->address());
-        std::vector<OutcomePtr> outcomes(200);
+        std::vector<POSTResultPtr> results(200);
         std::vector<std::jthread> threads;
         for (std::size_t first = 0; first < 4; ++first)
             threads.emplace_back([&, first] {
-                for (std::size_t index = first; index < outcomes.size(); index += 4)
-                    outcomes[index] = startPOST(*client);
+                for (std::size_t index = first; index < results.size(); index += 4)
+                    results[index] = startPOST(*client);
             });
         threads.clear();
-        outcomes.push_back(startPOST(*client));
+        results.push_back(startPOST(*client));
         if (server == &silent) client.reset();
-        for (const OutcomePtr& outcome : outcomes)
-            EXPECT_TRUE(await(outcome).isSuccess() || !client) << *outcome;
+        for (const POSTResultPtr& result : results)
+            EXPECT_TRUE(await(result).isSuccess() || !client) << *result;
         client.reset();
         MainQueue::shared().drain();
-        for (const OutcomePtr& outcome : outcomes)
-            EXPECT_EQ(outcome->callbacks, 1);
+        for (const POSTResultPtr& result : results)
+            EXPECT_EQ(result->callbacks, 1);
     }
 }
 

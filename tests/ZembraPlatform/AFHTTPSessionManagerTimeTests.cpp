@@ -1,11 +1,12 @@
 // What the HTTP client promises about time. No other test runs beside these.
+
 #include <array>
 #include <latch>
 
 #include <gmock/gmock.h>
 
 #include "support/HangingResolver.h"
-#include "support/Outcome.h"
+#include "support/POSTResult.h"
 #include "support/TLSServer.h"
 
 namespace zembra::test {
@@ -38,7 +39,7 @@ TEST(AFHTTPSessionManagerTimeTest, FailsWhenNothingMovedForTheTimeoutInEveryPhas
         std::chrono::milliseconds lastMove = 0ms;
         std::string value = {};  // to send
         Clock::time_point start = {}, isStarted = {}, end = {};
-        OutcomePtr outcome = nullptr;
+        POSTResultPtr result = nullptr;
     } requests[] = {
         {"sending", at(&Connection::stall), "sending", 0ms, std::string(std::size_t{8} << 20, 'x')},
         {"resolving", "https://"s + kHangingHost + '/', "looking up the host"},
@@ -67,28 +68,28 @@ TEST(AFHTTPSessionManagerTimeTest, FailsWhenNothingMovedForTheTimeoutInEveryPhas
     for (Request& request : requests) {
         const bool isEven = (&request - requests) % 2 == 0;
         request.start = Clock::now();
-        request.outcome =
+        request.result =
             startPOST(isEven ? *client : *other, request.address, Value::dictionary({{"v", request.value}}));
         request.isStarted = Clock::now();  // and its body encoded
     }
     const auto isDone = [](Request& request) {
-        const bool hasEnded = request.outcome->callbacks > 0;
+        const bool hasEnded = request.result->callbacks > 0;
         if (hasEnded && request.end == Clock::time_point()) request.end = Clock::now();
         return hasEnded;
     };
     const auto areDone = [&] { return std::ranges::count_if(requests, isDone) == std::ssize(requests); };
     EXPECT_TRUE(MainQueue::shared().runUntil(areDone, 20s));
     std::string texts;
-    for (const auto& [phase, address, text, lastMove, value, start, isStarted, end, outcome] : requests) {
+    for (const auto& [phase, address, text, lastMove, value, start, isStarted, end, result] : requests) {
         SCOPED_TRACE(phase);
         EXPECT_GE(end - start, lastMove + kLimit);
         if (!text) {
-            EXPECT_TRUE(outcome->isSuccess()) << *outcome;
+            EXPECT_TRUE(result->isSuccess()) << *result;
             continue;
         }
-        ASSERT_TRUE(outcome->isFailure(NSURLErrorTimedOut)) << *outcome;
-        EXPECT_THAT(outcome->error->localizedDescription(), HasSubstr(text));
-        if (address == unaccepting) texts += outcome->error->localizedDescription();
+        ASSERT_TRUE(result->isFailure(NSURLErrorTimedOut)) << *result;
+        EXPECT_THAT(result->error->localizedDescription(), HasSubstr(text));
+        if (address == unaccepting) texts += result->error->localizedDescription();
         EXPECT_LT(end - isStarted, lastMove + kLimit + kTolerance);
     }
     EXPECT_THAT(texts, AllOf(HasSubstr("while connecting"), HasSubstr("while negotiating")));
@@ -118,11 +119,11 @@ TEST(AFHTTPSessionManagerTimeTest, AHostIsReachedWhoseFirstAddressesDoNotAnswer)
                ipv6 = silentListener("[::1]" + port);
     const auto client = clientOf(address);
     client->requestSerializer().setTimeoutInterval(3s);
-    std::vector<OutcomePtr> outcomes;
+    std::vector<POSTResultPtr> results;
     for (const auto& host : kHostsOfSeveralAddresses)
-        outcomes.push_back(startPOST(*client, server.address(host.name)));
-    for (const auto& outcome : outcomes)
-        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
+        results.push_back(startPOST(*client, server.address(host.name)));
+    for (const auto& result : results)
+        EXPECT_TRUE(await(result).isSuccess()) << *result;
 }
 
 TEST(AFHTTPSessionManagerTimeTest, RequestsThatWaitForAConnectionDoNotAge) {
@@ -137,14 +138,14 @@ TEST(AFHTTPSessionManagerTimeTest, RequestsThatWaitForAConnectionDoNotAge) {
     });
     const auto client = clientOf(server.address());
     client->requestSerializer().setTimeoutInterval(2s);
-    std::vector<OutcomePtr> outcomes(38);
-    std::ranges::generate(outcomes, [&] { return startPOST(*client); });
+    std::vector<POSTResultPtr> results(38);
+    std::ranges::generate(results, [&] { return startPOST(*client); });
     for (const double noLimit : {0.0, -1.0, 1e18}) {
         client->requestSerializer().setTimeoutInterval(NSTimeInterval(noLimit));
-        outcomes.push_back(startPOST(*client));
+        results.push_back(startPOST(*client));
     }
-    for (const auto& outcome : outcomes)
-        EXPECT_TRUE(await(outcome).isSuccess()) << *outcome;
+    for (const auto& result : results)
+        EXPECT_TRUE(await(result).isSuccess()) << *result;
     EXPECT_EQ(most, 8);
 }
 
@@ -158,8 +159,8 @@ TEST(AFHTTPSessionManagerTimeTest, ReadingTheAuthoritiesIsNoIdleTime) {
         client->addTrustedCertificateAuthority(many);
         client->requestSerializer().setTimeoutInterval(timeout);
         const auto start = Clock::now();
-        const Outcome outcome = performPOST(*client);
-        EXPECT_TRUE(outcome.isSuccess()) << outcome;
+        const POSTResult result = performPOST(*client);
+        EXPECT_TRUE(result.isSuccess()) << result;
         return Clock::now() - start;
     };
     const NSTimeInterval reading = timeOf(20s);  // and little else
@@ -175,18 +176,18 @@ TEST(AFHTTPSessionManagerTimeTest, DestroyingAClientIsQuickAndCancelsItsRequests
             connection.hold();
         });
         auto client = clientOf(server.address());
-        std::vector<OutcomePtr> outcomes = {startPOST(*client, first)};
+        std::vector<POSTResultPtr> results = {startPOST(*client, first)};
         if (first != "token") areStalled.count_down();  // that one resolves, by and by
         for (int count = 0; count < 9; ++count)         // seven stall as well, two wait for a connection
-            outcomes.push_back(startPOST(*client));
+            results.push_back(startPOST(*client));
         areStalled.wait();
         // For the client's thread to come to rest, which nothing tells from outside.
         std::this_thread::sleep_for(50ms);
         const auto start = Clock::now();
         client.reset();
         EXPECT_LT(Clock::now() - start, 100ms) << first;
-        for (const auto& outcome : outcomes)
-            EXPECT_TRUE(await(outcome).isFailure(NSURLErrorCancelled)) << *outcome;
+        for (const auto& result : results)
+            EXPECT_TRUE(await(result).isFailure(NSURLErrorCancelled)) << *result;
     }
 }
 

@@ -1,4 +1,5 @@
 // What those of libcurl's results become that no server of the tests provokes, or not with every libcurl.
+
 #include <vector>
 
 #include <curl/curl.h>

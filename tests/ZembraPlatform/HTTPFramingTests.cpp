@@ -1,4 +1,5 @@
 // Which header lines of an answer are HTTP whose end is beyond doubt.
+
 #include <algorithm>
 #include <string>
 #include <string_view>

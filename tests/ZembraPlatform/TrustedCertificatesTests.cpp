@@ -1,4 +1,5 @@
 // Where a client's trusted authorities come from.
+
 #include <filesystem>
 #include <fstream>
 

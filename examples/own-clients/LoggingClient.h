@@ -1,5 +1,6 @@
-// A client that tells on std::cerr which HTTP status is behind a failure: a header to copy into a host.
 #pragma once
+
+// A client that tells on std::cerr which HTTP status is behind a failure: a header to copy into a host.
 
 #include <iostream>
 #include <memory>

@@ -1,5 +1,6 @@
-// How other threads and coroutines wait for the SDK: a header to copy into a host.
 #pragma once
+
+// How other threads and coroutines wait for the SDK: a header to copy into a host.
 
 #include <coroutine>
 #include <exception>

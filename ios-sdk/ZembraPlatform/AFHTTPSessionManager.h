@@ -1,5 +1,6 @@
-// The HTTPS client of the SDK and of hosts: forms out, JSON in. `POST` and the serializers for any thread.
 #pragma once
+
+// The HTTPS client of the SDK and of hosts: forms out, JSON in. `POST` and the serializers for any thread.
 
 #include <chrono>
 #include <cstdint>

@@ -1,4 +1,5 @@
 // What the declarations stand on; WrongDeclarations.cmake says what a compiler has to answer to each.
+
 #include <string>
 
 #include <ZembraCoreSDK/QVDataObject.h>

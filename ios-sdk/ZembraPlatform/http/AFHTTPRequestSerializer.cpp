@@ -1,4 +1,5 @@
 // What the HTTP client's requests are built from: timeout, default header fields, forms. Any thread.
+
 #include <algorithm>
 #include <array>
 #include <cerrno>

@@ -1,4 +1,5 @@
 // How the HTTP client's answers are judged and decoded; on the client's I/O thread.
+
 #include <algorithm>
 #include <mutex>
 #include <utility>

@@ -1,5 +1,6 @@
 // The HTTP client: makes requests of what its callers want, has its thread carry them out, and delivers the
 // outcomes.
+
 #include <algorithm>
 #include <atomic>
 #include <mutex>

@@ -1,4 +1,5 @@
 // The I/O thread of one HTTP client: how it starts, is woken and stops, what exit and fork mean for it.
+
 #include "http/ClientThread.h"
 
 #include <chrono>

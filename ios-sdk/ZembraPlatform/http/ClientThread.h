@@ -1,6 +1,7 @@
+#pragma once
+
 // The I/O thread of one HTTP client: requests in, outcomes out. The client owns it; any thread may hand it
 // requests.
-#pragma once
 
 #include <atomic>
 #include <condition_variable>

@@ -1,5 +1,6 @@
 // The exchanges of an HTTP client under way: libcurl's multi handle, the wait for its sockets, and its
 // timers.
+
 #include "http/HTTPEngine.h"
 
 #include <algorithm>

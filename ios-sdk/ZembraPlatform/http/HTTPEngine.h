@@ -1,5 +1,6 @@
-// The exchanges of an HTTP client under way, over libcurl; for one thread, the client's I/O thread.
 #pragma once
+
+// The exchanges of an HTTP client under way, over libcurl; for one thread, the client's I/O thread.
 
 #include <deque>
 #include <functional>

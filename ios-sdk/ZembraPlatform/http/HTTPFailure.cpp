@@ -1,5 +1,6 @@
 // Says in the words of `NSURLErrorDomain` why no answer came: one function of libcurl's result and its
 // circumstances.
+
 #include "http/HTTPFailure.h"
 
 #include <system_error>

@@ -1,6 +1,7 @@
+#pragma once
+
 // Says in the words of `NSURLErrorDomain` why no answer came; used by the HTTP client's other parts, on any
 // thread.
-#pragma once
 
 #include <string>
 #include <string_view>

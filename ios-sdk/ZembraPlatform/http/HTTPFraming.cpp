@@ -1,4 +1,5 @@
 // Judges the header lines of an answer: what of HTTP's framing is accepted.
+
 #include "http/HTTPFraming.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-// Judges the header lines of an answer as they come; used by a transfer, on the I/O thread.
 #pragma once
+
+// Judges the header lines of an answer as they come; used by a transfer, on the I/O thread.
 
 #include <cstdint>
 #include <optional>

@@ -1,4 +1,5 @@
 // What one exchange sends: the resolved URL, the header lines, and why a request cannot be sent.
+
 #include "http/HTTPRequest.h"
 
 #include <algorithm>

@@ -1,6 +1,7 @@
+#pragma once
+
 // What one exchange sends; made by the HTTP client on the thread of its caller, read by the client's I/O
 // thread.
-#pragma once
 
 #include <chrono>
 #include <cstdint>

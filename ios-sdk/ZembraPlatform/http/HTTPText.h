@@ -1,5 +1,6 @@
-// How HTTP reads the text of a header; used by the client's other parts, on any thread.
 #pragma once
+
+// How HTTP reads the text of a header; used by the client's other parts, on any thread.
 
 #include <string_view>
 

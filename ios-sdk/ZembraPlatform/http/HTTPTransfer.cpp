@@ -1,5 +1,6 @@
 // One exchange on a libcurl handle of its own: what the handle is set to, what it receives, and what came of
 // it.
+
 #include "http/HTTPTransfer.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
-// One exchange on a libcurl handle of its own; made, driven and thrown away by the engine, on the I/O thread.
 #pragma once
+
+// One exchange on a libcurl handle of its own; made, driven and thrown away by the engine, on the I/O thread.
 
 #include <chrono>
 #include <cstddef>

@@ -1,4 +1,5 @@
 // Whom an HTTP client trusts: where the system keeps its authorities, and what the host added.
+
 #include "http/TrustedCertificates.h"
 
 #include <system_error>

@@ -1,5 +1,6 @@
-// Whom an HTTP client trusts; made on the thread of the client's caller, read by its I/O thread.
 #pragma once
+
+// Whom an HTTP client trusts; made on the thread of the client's caller, read by its I/O thread.
 
 #include <filesystem>
 #include <memory>

@@ -1,3 +1,5 @@
+// Reads dates in the forms of ISO 8601, or in one that the host states; any thread.
+
 #include <algorithm>
 #include <chrono>
 #include <concepts>

@@ -1,3 +1,5 @@
+// The root of the object classes; any thread.
+
 #include <cstdlib>
 #include <memory>
 #include <typeinfo>

@@ -1,3 +1,5 @@
+// Facts about strings in UTF-8: pure functions, for any thread.
+
 #include <cstdint>
 
 #include <ZembraPlatform/NSString.h>

@@ -1,3 +1,5 @@
+// Answers and the domains of network errors, as the HTTP client hands them out; any thread.
+
 #include <algorithm>
 
 #include <ZembraPlatform/NSURL.h>

@@ -92,7 +92,7 @@ bool QVDataObject::initWithJSON(Value json) {
     const DataObjectDescription& cls = *classDescription();
     // Fast path: neither operation is overridden, so look the property up once and assign directly: this
     // saves 9 % of the instructions. A class without a description of its own may override them unseen.
-    const bool isDirect = !cls.overridesMapping && *cls.type == typeid(*this);
+    const bool isDirect = !cls.overridesMapping_ && *cls.type == typeid(*this);
     PropertySearch search(cls);
     NameBuffer buffer;
     for (std::size_t index = 0; index < entries.size(); ++index) {

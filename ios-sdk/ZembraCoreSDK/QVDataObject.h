@@ -76,12 +76,22 @@ struct DataObjectDescription : ClassDescription {
     using ArrayHook = Value (*)(QVDataObject& object, std::string_view key, const Value& values);
     using DateFormatterHook = std::shared_ptr<const NSDateFormatter> (*)(QVDataObject& object);
 
+    constexpr DataObjectDescription(const ClassDescription& cls, ArrayHook arrayHook,
+                                    DateFormatterHook dateFormatterHook, bool overridesMapping)
+        : ClassDescription(cls),
+          arrayPropertyForKey(arrayHook),
+          dateFormatter(dateFormatterHook),
+          overridesMapping_(overridesMapping) {}
+
     ArrayHook arrayPropertyForKey;    ///< `nullptr` where the class has no such hook.
     DateFormatterHook dateFormatter;  ///< The same.
 
+private:
+    friend class QVDataObject;
+
     /// Whether the class, or a described one above it, overrides `dataObjectClassForKey` or
     /// `setPropertyValue`.
-    bool overridesMapping;
+    bool overridesMapping_;
 };
 
 namespace detail {

@@ -37,9 +37,9 @@ struct HTTPOutcome {
 
 /// One request on its way. A libcurl handle is never used for a second exchange: libcurl 7.88 reads freed
 /// memory when the second answer's header starts with a folded line, and counts retries over the life of the
-/// handle. Neither is a connection. libcurl takes what follows an answer for the next one: 7.88 always, 8.14
-/// where TLS has already read it. The server may close a kept connection just as a request goes out. And
-/// libcurl by itself sends a request twice, but never on a fresh connection.
+/// handle. Nor is a connection: libcurl takes what follows an answer for the next one (7.88 always, 8.14
+/// where TLS has already read it), a server may close a kept connection just as a request goes out, and only
+/// on a fresh connection does libcurl never send a request twice.
 class HTTPTransfer {
 public:
     using Clock = std::chrono::steady_clock;
@@ -61,7 +61,7 @@ public:
     /// The end of the exchange, with libcurl's result.
     [[nodiscard]] HTTPOutcome finish(int result);
 
-    /// Whether more was received for one answer than any may take; of which most was no body.
+    /// Whether more was received for one answer than any may take, whatever it was.
     [[nodiscard]] bool hasReceivedTooMuch() const noexcept { return fault_ == HTTPFault::answerTooLarge; }
 
     /// Tells the request's `didSend` what was sent since the last call; empty where there is nothing to tell.

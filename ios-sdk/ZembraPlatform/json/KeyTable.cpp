@@ -11,8 +11,8 @@ namespace zembra {
 
 namespace {
 
-/// Takes it that the keys up to `key` are absent here, if `key` is expected soon; else that `key` stands in
-/// place of the expected one.
+/// Moves `place` behind `key`. Where `key` is expected soon, the keys before it count as absent here; else it
+/// replaces the expected one.
 void expect(KeyTable::Key* key, KeyTable::Place& place) {
     constexpr std::size_t kMostAbsent = 8;  // bounds the work that a text with keys in random order makes
     constexpr std::size_t kMostExpected = 256;

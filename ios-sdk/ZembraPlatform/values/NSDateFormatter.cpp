@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::minutes kLargestOffset = 24h - 1min;
 
-/// Reads a string from its front. What is not there is not read, and that says `hasFailed`.
+/// Reads a string from its front. `hasFailed` says whether something that must be there was missing.
 class Reader {
 public:
     explicit Reader(std::string_view text) : rest_(text) {}

@@ -57,7 +57,7 @@ std::size_t firstWithSameKey(std::span<const Value::Entry> entries, std::size_t 
 // Making values
 // ----------------------------------------------------------------------------------------------------
 
-/// Gives nothing contents of `byteCount` bytes that are yet to be filled, and one holder.
+/// Makes a value that was nothing the one holder of new contents, of `byteCount` bytes yet to be filled.
 void Value::allocate(Type type, std::size_t count, std::size_t byteCount) {
     if (count > kMaximumCount) throw std::length_error("too large for a zembra::Value");
     storage_.contents = new (::operator new(sizeof(Contents) + byteCount)) Contents{1};
@@ -157,7 +157,7 @@ void Value::release() noexcept {
     if (letGo(storage_.contents->holders)) destroy(storage_);
 }
 
-/// Frees contents without items.
+/// Frees contents that hold no items, or none any more.
 void Value::freeContents(const Storage& storage) noexcept {
     if (storage.type == Type::object)
         std::destroy_at(reinterpret_cast<std::shared_ptr<NSObject>*>(storage.contents + 1));

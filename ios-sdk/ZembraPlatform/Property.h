@@ -296,7 +296,6 @@ using HighestPropertyNumber = PropertyNumber<64>;
 template <std::size_t number>
 struct PropertyDeclaration {
     static constexpr std::size_t kNumber = number;
-    using Number = PropertyNumber<number>;
     using Next = PropertyNumber<number + 1>;
 
     std::string_view name;
@@ -322,13 +321,13 @@ constexpr bool isASCII(std::string_view name) {
 /// The property's name is written here and nowhere else.
 #define ZMB_PROPERTY(Type, name)                                                                          \
     static_assert(::zembra::detail::isASCII(#name), "the name of a property must be ASCII");              \
-    static constexpr auto zembraProperty(                                                                 \
-        typename decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Next zembraNumber)  \
+    using ZembraNumberOf_##name =                                                                         \
+        decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Next;                        \
+    static constexpr auto zembraProperty(ZembraNumberOf_##name zembraNumber)                              \
         ->decltype(::zembra::detail::declarationOf(zembraNumber)) {                                       \
         return {#name, &::zembra::detail::classOfProperty<Type>};                                         \
     }                                                                                                     \
-    ::zembra::detail::PropertyMember<Type>& zembraMember(                                                 \
-        typename decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Number) noexcept {  \
+    ::zembra::detail::PropertyMember<Type>& zembraMember(ZembraNumberOf_##name) noexcept {                \
         static_assert(::std::is_same_v<decltype(*this), ZembraClass&>,                                    \
                       "a class with properties must start with ZMB_DATA_OBJECT(<its name>, <its base>)"); \
         return name;                                                                                      \

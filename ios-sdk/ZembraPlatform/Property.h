@@ -319,17 +319,16 @@ constexpr bool isASCII(std::string_view name) {
 ///   - `Value`: any object without a class;
 ///   - a scalar (number, boolean, enumeration): an ordinary member, zero at the start.
 /// The property's name is written here and nowhere else.
-#define ZMB_PROPERTY(Type, name)                                                                          \
-    static_assert(::zembra::detail::isASCII(#name), "the name of a property must be ASCII");              \
-    using ZembraNumberOf_##name =                                                                         \
-        decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Next;                        \
-    static constexpr auto zembraProperty(ZembraNumberOf_##name zembraNumber)                              \
-        ->decltype(::zembra::detail::declarationOf(zembraNumber)) {                                       \
-        return {#name, &::zembra::detail::classOfProperty<Type>};                                         \
-    }                                                                                                     \
-    ::zembra::detail::PropertyMember<Type>& zembraMember(ZembraNumberOf_##name) noexcept {                \
-        static_assert(::std::is_same_v<decltype(*this), ZembraClass&>,                                    \
-                      "a class with properties must start with ZMB_DATA_OBJECT(<its name>, <its base>)"); \
-        return name;                                                                                      \
-    }                                                                                                     \
+#define ZMB_PROPERTY(Type, name)                                                                             \
+    static_assert(::zembra::detail::isASCII(#name), "the name of a property must be ASCII");                 \
+    using ZembraNumberOf_##name = decltype(zembraProperty(::zembra::detail::HighestPropertyNumber{}))::Next; \
+    static constexpr auto zembraProperty(ZembraNumberOf_##name zembraNumber)                                 \
+        ->decltype(::zembra::detail::declarationOf(zembraNumber)) {                                          \
+        return {#name, &::zembra::detail::classOfProperty<Type>};                                            \
+    }                                                                                                        \
+    ::zembra::detail::PropertyMember<Type>& zembraMember(ZembraNumberOf_##name) noexcept {                   \
+        static_assert(::std::is_same_v<decltype(*this), ZembraClass&>,                                       \
+                      "a class with properties must start with ZMB_DATA_OBJECT(<its name>, <its base>)");    \
+        return name;                                                                                         \
+    }                                                                                                        \
     ::zembra::detail::PropertyMember<Type> name {}

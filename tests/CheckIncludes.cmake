@@ -97,6 +97,22 @@ foreach(room IN LISTS rooms)
     allow("${allowed}" ${sources})
 endforeach()
 
+# Within http/ the arrows go downwards: a part sees itself and those above it in this list.
+set(parts HTTPText TrustedCertificates HTTPFailure HTTPFraming HTTPRequest HTTPTransfer HTTPEngine ClientThread
+          AFHTTPRequestSerializer AFHTTPResponseSerializer AFHTTPSessionManager)
+file(GLOB http_files RELATIVE "${platform_directory}/http" "${platform_directory}/http/*")
+foreach(file IN LISTS http_files)
+    string(REGEX REPLACE "\\..*" "" part "${file}")
+    list(FIND parts "${part}" index)
+    if(index EQUAL -1)
+        string(APPEND faults "http/${file}: has no place among the parts\n")
+    endif()
+    math(EXPR count "${index} + 1")
+    list(SUBLIST parts 0 ${count} visible)
+    string(REPLACE ";" "|" visible "${visible}")
+    allow("<.*>|\"(values|json|system|bundles)/.*\"|\"http/(${visible})\\.h\"" "${platform_directory}/http/${file}")
+endforeach()
+
 # The sandbox stands beside both.
 file(GLOB_RECURSE sandbox_files "${SOURCE_DIR}/sandbox/*.h" "${SOURCE_DIR}/sandbox/*.cpp")
 foreach(file IN LISTS sandbox_files)

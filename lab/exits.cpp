@@ -16,6 +16,7 @@
 
 #include <ZembraPlatform/AFHTTPSessionManager.h>
 #include <ZembraPlatform/MainQueue.h>
+#include <ZembraPlatform/NSJSONSerialization.h>
 
 #include "Children.h"
 
@@ -63,6 +64,17 @@ void beside(std::function<void()> act) {
 /// Each way starts something; a moment later the process exits from `main`, unless the way did so before.
 const std::map<std::string, std::function<void()>> kWays = {
     {"requests in flight", [] { busyClient(); }},
+    {"answers in flight",
+     [] {
+         AFHTTPSessionManager& client = *newClient().release();
+         for (int count = 0; count < 40; ++count)
+             client.POST("answer", {}, nullptr, nullptr, nullptr);
+     }},
+    {"a static destructor decodes JSON",
+     [] {
+         lateObject.act = [] { (void)NSJSONSerialization::JSONObjectWithData("[1]"); };
+         lateObject.act();
+     }},
     {"a client that static destruction ends",
      [] { static const std::unique_ptr<AFHTTPSessionManager> client(&busyClient()); }},
     {"from a callback on the I/O thread",

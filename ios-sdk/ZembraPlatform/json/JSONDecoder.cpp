@@ -33,6 +33,12 @@ using Receiver = std::function<void(Value element)>;
 static_assert(kSpareJSONCapacity >= simdjson::SIMDJSON_PADDING + std::string_view("[]").size());
 static_assert(kMaximumJSONSize + kSpareJSONCapacity <= simdjson::SIMDJSON_MAXSIZE_BYTES);
 
+/// Makes simdjson's static objects as the program is loaded, before the host's, so that they end after those:
+/// whatever runs while the process leaves, the client's thread or a static destructor, may still decode.
+[[gnu::constructor(101)]] void makeStaticObjects() {
+    static_cast<void>(simdjson::get_active_implementation()->name());
+}
+
 const char* reasonFor(simdjson::error_code error) {
     switch (error) {
         case simdjson::UTF8_ERROR:
